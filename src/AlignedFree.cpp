@@ -1,0 +1,8 @@
+#include "AlignedFree.h"
+
+#include <cstdlib>
+
+void AlignedFree(void *block)
+{
+    std::free(block);
+}
