@@ -10,7 +10,8 @@ QByteArray TFileHash::CalculateFileMD5(QString fileName)
     // out in 2048-byte pieces, which costs far less than one system call per
     // piece (reading 1 GiB unbuffered took about four times as long).
     QFile file(fileName);
-    if (file.open(QIODevice::ReadOnly)) {
+    // QFile would print a warning for an empty name; the library logs nothing.
+    if (!fileName.isEmpty() && file.open(QIODevice::ReadOnly)) {
         char buffer[2048];
         qint64 count;
         while ((count = file.read(buffer, sizeof buffer)) > 0)
