@@ -40,6 +40,35 @@ inline bool writeFile(const QString &path, const QByteArray &contents)
             && file.write(contents) == contents.size();
 }
 
+// Splits a list written as one text: names("a b c") or names("a|b c", '|').
+inline QStringList names(const char *list, char separator = ' ')
+{
+    return QString::fromLatin1(list).split(QLatin1Char(separator), Qt::SkipEmptyParts);
+}
+
+// Makes, under root, "name" a file holding its own name, "name/" a directory
+// and "name->target" a symbolic link, with missing parent directories.
+inline bool makeEntries(const QString &root, const QStringList &entries)
+{
+    const QDir dir(root);
+    for (const QString &entry : entries) {
+        const int arrow = entry.indexOf(QLatin1String("->"));
+        bool made;
+        if (arrow > 0) {
+            const QString link = dir.filePath(entry.left(arrow));
+            made = QDir().mkpath(QFileInfo(link).absolutePath())
+                    && QFile::link(entry.mid(arrow + 2), link);
+        } else if (entry.endsWith(QLatin1Char('/'))) {
+            made = dir.mkpath(entry);
+        } else {
+            made = writeFile(dir.filePath(entry), entry.toUtf8());
+        }
+        if (!made)
+            return false;
+    }
+    return true;
+}
+
 inline QByteArray readFile(const QString &path)
 {
     QFile file(path);

@@ -12,11 +12,6 @@ using namespace FsTest;
 
 namespace {
 
-QStringList names(const char *list, char separator = ' ')
-{
-    return QString::fromLatin1(list).split(QLatin1Char(separator), Qt::SkipEmptyParts);
-}
-
 // Puts only the given directory on PATH while it lives.
 class PathOverride
 {

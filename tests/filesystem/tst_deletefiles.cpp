@@ -45,27 +45,6 @@ private:
     bool m_active = false;
 };
 
-QStringList names(const char *list)
-{
-    return QString::fromLatin1(list).split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
-
-// Makes "name" a file, "name/" a directory and "name->target" a link.
-bool makeEntries(const QDir &root, const QStringList &entries)
-{
-    for (const QString &entry : entries) {
-        const int arrow = entry.indexOf(QLatin1String("->"));
-        const bool made = arrow > 0
-                ? QFile::link(entry.mid(arrow + 2), root.filePath(entry.left(arrow)))
-                : entry.endsWith(QLatin1Char('/'))
-                ? root.mkpath(entry)
-                : writeFile(root.filePath(entry), entry.toUtf8());
-        if (!made)
-            return false;
-    }
-    return true;
-}
-
 } // namespace
 
 class tst_DeleteFiles : public QObject
@@ -124,7 +103,7 @@ void tst_DeleteFiles::outcomes()
     QFETCH(QStringList, remaining);
     QTemporaryDir root;
     QVERIFY(root.isValid());
-    QVERIFY(makeEntries(QDir(root.path()), entries));
+    QVERIFY(makeEntries(root.path(), entries));
     const QString previous = QDir::currentPath();
     QVERIFY(QDir::setCurrent(root.path()));
     QStringList deletedFiles = names("stale entries");
@@ -148,7 +127,7 @@ void tst_DeleteFiles::unremovableFile()
     QTemporaryDir root;
     QVERIFY(root.isValid());
     const QDir dir(root.path());
-    QVERIFY(makeEntries(dir, names("a.log b.log c.log c.txt")));
+    QVERIFY(makeEntries(root.path(), names("a.log b.log c.log c.txt")));
     constexpr uid_t Nobody = 65534;
     for (const char *name : { "a.log", "c.log", "." })
         QCOMPARE(::chown(QFile::encodeName(dir.filePath(QLatin1String(name))).constData(), Nobody,

@@ -315,9 +315,6 @@ void tst_FileCopy::failures_data()
     QTest::addColumn<QString>("source");
     QTest::addColumn<QString>("destination");
     QTest::addColumn<QStringList>("remaining");
-    const auto names = [](const char *list) {
-        return QString::fromLatin1(list).split(QLatin1Char(' '), Qt::SkipEmptyParts);
-    };
     QTest::newRow("missing source") << names("x.TXT x.txt keep") << "missing"
                                     << "x.TXT" << names("keep");
     QTest::newRow("missing destination directory") << names("source") << "source"
