@@ -212,6 +212,8 @@ bool TFileSystemHelper::IsValidFileName(QString fileName)
         if (fileName.indexOf(invalid) >= 0)
             return false;
     }
+    // The rule the error message states; with '.' in the set above it can
+    // only fail if that set changes.
     return !fileName.startsWith(QLatin1Char('.')) && !fileName.endsWith(QLatin1Char('.'));
 }
 
