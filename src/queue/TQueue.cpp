@@ -1,6 +1,7 @@
 #include "TQueue.h"
 
 #include "TLightSemaphore.h"
+#include "TSpinLock.h"
 
 #include <QMutex>
 #include <QMutexLocker>
@@ -61,11 +62,11 @@ public:
     void put(const void *message, int length);
     int take(void *buffer, int bufferSize);
 
-    // Senders and receivers each hammer their own counter: keep the two and
-    // the lock on separate cache lines.
+    // Both sides write both counters and the lock; separate cache lines keep
+    // threads that poll one of them from being disturbed by writes to another.
     alignas(64) TLightSemaphore freeSlots;
     alignas(64) TLightSemaphore waitingMessages;
-    alignas(64) std::mutex lock;
+    alignas(64) TSpinLock lock;
     int readIndex = 0; // guarded by lock
     int writeIndex = 0; // guarded by lock
     std::unique_ptr<char[]> slots; // null for an inert queue
@@ -96,7 +97,7 @@ unsigned int TQueuePrivate::take(TLightSemaphore &units, unsigned int timeout)
 void TQueuePrivate::put(const void *message, int length)
 {
     const Length storedLength = length;
-    std::lock_guard<std::mutex> locker(lock);
+    std::lock_guard<TSpinLock> locker(lock);
     char *slot = slots.get() + std::size_t(writeIndex) * slotStride;
     std::memcpy(slot, &storedLength, sizeof storedLength);
     if (length > 0)
@@ -110,7 +111,7 @@ void TQueuePrivate::put(const void *message, int length)
 int TQueuePrivate::take(void *buffer, int bufferSize)
 {
     Length length;
-    std::lock_guard<std::mutex> locker(lock);
+    std::lock_guard<TSpinLock> locker(lock);
     const char *slot = slots.get() + std::size_t(readIndex) * slotStride;
     std::memcpy(&length, slot, sizeof length);
     const bool fits = length <= bufferSize;
@@ -133,7 +134,7 @@ TQueue::TQueue(int messageSize, int messageCount, const QString &name)
 TQueue::~TQueue()
 {
     {
-        std::lock_guard<std::mutex> locker(d->lock);
+        std::lock_guard<TSpinLock> locker(d->lock);
         d->slots.reset();
     }
     DestroyQueue();
