@@ -3,9 +3,6 @@
 #include "TLightSemaphore.h"
 #include "TSpinLock.h"
 
-#include <QMutex>
-#include <QMutexLocker>
-
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -21,7 +18,7 @@ namespace {
 // refer to queues without owning them.
 std::map<QString, TQueue *> GlobalQueueNameMap;
 std::map<unsigned int, TQueue *> GlobalQueueIdMap;
-QMutex GlobalMutex;
+std::mutex GlobalMutex; // not recursive
 unsigned int NextQueueId = 1; // guarded by GlobalMutex
 
 // Removes the entry under key only if it is queue's own: another queue may
@@ -234,14 +231,14 @@ TQueue *TQueue::CreateQueue(int messageSize, int messageCount, const QString &na
 
 TQueue *TQueue::FindQueue(unsigned int queueId, unsigned int *)
 {
-    QMutexLocker locker(&GlobalMutex);
+    std::lock_guard<std::mutex> locker(GlobalMutex);
     const auto entry = GlobalQueueIdMap.find(queueId);
     return entry != GlobalQueueIdMap.end() ? entry->second : nullptr;
 }
 
 TQueue *TQueue::FindQueue(const QString &name, unsigned int *)
 {
-    QMutexLocker locker(&GlobalMutex);
+    std::lock_guard<std::mutex> locker(GlobalMutex);
     const auto entry = GlobalQueueNameMap.find(name);
     return entry != GlobalQueueNameMap.end() ? entry->second : nullptr;
 }
@@ -258,7 +255,7 @@ unsigned int TQueue::DestroyQueue(unsigned int queueId)
 QString TQueue::GetQueueName(unsigned int queueId)
 {
     QString name = InvalidQueueName;
-    QMutexLocker locker(&GlobalMutex);
+    std::lock_guard<std::mutex> locker(GlobalMutex);
     const auto entry = GlobalQueueIdMap.find(queueId);
     if (entry != GlobalQueueIdMap.end())
         name = entry->second->d->name;
@@ -267,14 +264,14 @@ QString TQueue::GetQueueName(unsigned int queueId)
 
 unsigned int TQueue::GetQueueId(const QString &name)
 {
-    QMutexLocker locker(&GlobalMutex);
+    std::lock_guard<std::mutex> locker(GlobalMutex);
     const auto entry = GlobalQueueNameMap.find(name);
     return entry != GlobalQueueNameMap.end() ? entry->second->d->id : InvalidQueueId;
 }
 
 unsigned int TQueue::GetNextId()
 {
-    QMutexLocker locker(&GlobalMutex);
+    std::lock_guard<std::mutex> locker(GlobalMutex);
     return NextQueueId++;
 }
 
@@ -290,7 +287,7 @@ void TQueue::UnLockGlobal()
 
 void TQueue::AddToMaps()
 {
-    QMutexLocker locker(&GlobalMutex);
+    std::lock_guard<std::mutex> locker(GlobalMutex);
     const auto named = GlobalQueueNameMap.try_emplace(d->name, this);
     try {
         GlobalQueueIdMap.try_emplace(d->id, this);
@@ -305,7 +302,7 @@ void TQueue::AddToMaps()
 
 void TQueue::DestroyQueue()
 {
-    QMutexLocker locker(&GlobalMutex);
+    std::lock_guard<std::mutex> locker(GlobalMutex);
     eraseEntryOf(GlobalQueueIdMap, d->id, this);
     eraseEntryOf(GlobalQueueNameMap, d->name, this);
 }

@@ -5,7 +5,7 @@
 
 #include <atomic>
 #include <functional>
-#include <memory>
+#include <thread>
 #include <vector>
 
 // Many threads on one queue: every message arrives exactly once and each
@@ -45,7 +45,7 @@ void sendOne(TQueue &queue, bool byIdentifier, unsigned int timeout, const Numbe
                 failure = code;
             return;
         }
-        QThread::yieldCurrentThread();
+        std::this_thread::yield();
     }
 }
 
@@ -62,17 +62,15 @@ Numbered receiveOne(TQueue &queue, bool byIdentifier, unsigned int timeout)
                 failure = code;
             return message;
         }
-        QThread::yieldCurrentThread();
+        std::this_thread::yield();
     }
 }
 
-std::vector<std::unique_ptr<QThread>> startThreads(int count, const std::function<void(int)> &body)
+std::vector<std::thread> startThreads(int count, const std::function<void(int)> &body)
 {
-    std::vector<std::unique_ptr<QThread>> threads;
-    for (int i = 0; i < count; ++i) {
-        threads.emplace_back(QThread::create(body, i));
-        threads.back()->start();
-    }
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i)
+        threads.emplace_back(body, i);
     return threads;
 }
 
@@ -121,9 +119,9 @@ void tst_TQueueConcurrency::producersAndConsumers()
             sendOne(queue, byIdentifier, timeout, { producer, sequence });
     });
     for (auto &thread : producerThreads)
-        thread->wait();
+        thread.join();
     for (auto &thread : consumerThreads)
-        thread->wait();
+        thread.join();
     QCOMPARE(failure.load(), TQueue::QueueErrNone);
 
     std::vector<std::vector<bool>> seen(producers, std::vector<bool>(perProducer, false));
@@ -164,12 +162,11 @@ void tst_TQueueConcurrency::waiterIsWoken()
             QCOMPARE(queue.SendMsg("old", 3, TQueue::QueueNoWait), TQueue::QueueErrNone);
         QSemaphore started;
         int result = -1;
-        std::unique_ptr<QThread> waiter(QThread::create([&] {
+        std::thread waiter([&] {
             started.release();
             result = receiverWaits ? queue.ReceiveMsg(buffer, 8, TQueue::QueueWaitForever)
                                    : int(queue.SendMsg("new", 3, TQueue::QueueWaitForever));
-        }));
-        waiter->start();
+        });
         started.acquire();
         QCOMPARE(queue.GetWaitingMessageCount(), expected);
         if (receiverWaits) {
@@ -179,7 +176,7 @@ void tst_TQueueConcurrency::waiterIsWoken()
             QCOMPARE(queue.ReceiveMsg(old, 8, TQueue::QueueWaitForever), 3);
             QCOMPARE(QByteArray(old, 3), QByteArray("old"));
         }
-        QVERIFY(waiter->wait(60000));
+        waiter.join();
         if (receiverWaits) {
             QCOMPARE(result, 3);
             QCOMPARE(QByteArray(buffer, 3), QByteArray("new"));

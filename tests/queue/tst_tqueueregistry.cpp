@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <thread>
 #include <vector>
 
 // The process-wide registry: identifiers, names, creation and destruction.
@@ -166,18 +167,17 @@ void tst_TQueueRegistry::racingCreatesHandOutOneQueue()
         std::atomic<int> ready { 0 };
         std::vector<TQueue *> created(threadCount, nullptr);
         std::vector<unsigned int> codes(threadCount, Untouched);
-        std::vector<std::unique_ptr<QThread>> threads;
+        std::vector<std::thread> threads;
         for (int i = 0; i < threadCount; ++i) {
-            threads.emplace_back(QThread::create([&, i] {
+            threads.emplace_back([&, i] {
                 ++ready;
                 while (ready.load() < threadCount)
-                    QThread::yieldCurrentThread();
+                    std::this_thread::yield();
                 created[i] = TQueue::CreateQueue(8, 1, name, &codes[i]);
-            }));
-            threads.back()->start();
+            });
         }
         for (auto &thread : threads)
-            thread->wait();
+            thread.join();
 
         int winners = 0;
         for (int i = 0; i < threadCount; ++i) {
