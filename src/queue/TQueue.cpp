@@ -13,23 +13,38 @@
 namespace {
 
 // The registry. Defined in this order in this one file so that loading the
-// library sets up the name map, the identifier map, the lock and then
-// TQueue::InvalidQueueName, and unloading tears them down in reverse. The maps
-// refer to queues without owning them.
+// library sets up the name map, the identifier map, the lock (constant-
+// initialised, so usable even before that) and then TQueue::InvalidQueueName,
+// and unloading tears them down in reverse. The maps refer to queues without
+// owning them.
 std::map<QString, TQueue *> GlobalQueueNameMap;
 std::map<unsigned int, TQueue *> GlobalQueueIdMap;
 std::mutex GlobalMutex; // not recursive
 unsigned int NextQueueId = 1; // guarded by GlobalMutex
 
+// Returns the queue registered under key, or null. The caller holds GlobalMutex.
+template<typename Map>
+TQueue *entryOf(const Map &map, const typename Map::key_type &key)
+{
+    const auto entry = map.find(key);
+    return entry != map.end() ? entry->second : nullptr;
+}
+
 // Removes the entry under key only if it is queue's own: another queue may
 // have registered the same name or, after the identifiers wrapped, the same
-// identifier first.
+// identifier first. The caller holds GlobalMutex.
 template<typename Map>
 void eraseEntryOf(Map &map, const typename Map::key_type &key, const TQueue *queue)
 {
     const auto entry = map.find(key);
     if (entry != map.end() && entry->second == queue)
         map.erase(entry);
+}
+
+void eraseEntriesOf(const TQueue *queue, unsigned int id, const QString &name)
+{
+    eraseEntryOf(GlobalQueueIdMap, id, queue);
+    eraseEntryOf(GlobalQueueNameMap, name, queue);
 }
 
 } // namespace
@@ -55,9 +70,9 @@ public:
     }
     bool isInert() const { return !slots; }
 
-    unsigned int take(TLightSemaphore &units, unsigned int timeout);
-    void put(const void *message, int length);
-    int take(void *buffer, int bufferSize);
+    unsigned int takeUnit(TLightSemaphore &units, unsigned int timeout);
+    void putMessage(const void *message, int length);
+    int takeMessage(void *buffer, int bufferSize);
 
     // Both sides write both counters and the lock; separate cache lines keep
     // threads that poll one of them from being disturbed by writes to another.
@@ -78,7 +93,7 @@ public:
 
 // The checks and the wait that sending and receiving share: takes one unit
 // of units (a free slot or a waiting message) as timeout says.
-unsigned int TQueuePrivate::take(TLightSemaphore &units, unsigned int timeout)
+unsigned int TQueuePrivate::takeUnit(TLightSemaphore &units, unsigned int timeout)
 {
     if (timeout != TQueue::QueueNoWait && timeout != TQueue::QueueWaitForever)
         return TQueue::QueueErrBadTimeout;
@@ -91,7 +106,7 @@ unsigned int TQueuePrivate::take(TLightSemaphore &units, unsigned int timeout)
     return TQueue::QueueErrNone;
 }
 
-void TQueuePrivate::put(const void *message, int length)
+void TQueuePrivate::putMessage(const void *message, int length)
 {
     const Length storedLength = length;
     std::lock_guard<TSpinLock> locker(lock);
@@ -105,7 +120,7 @@ void TQueuePrivate::put(const void *message, int length)
 
 // Returns the message's length, or -1 when it did not fit into the buffer and
 // was dropped.
-int TQueuePrivate::take(void *buffer, int bufferSize)
+int TQueuePrivate::takeMessage(void *buffer, int bufferSize)
 {
     Length length;
     std::lock_guard<TSpinLock> locker(lock);
@@ -149,22 +164,22 @@ unsigned int TQueue::SendMsg(const void *message, int length, unsigned int timeo
 {
     if (length < 0 || length >= d->messageSize)
         return QueueErrMsgSize;
-    const unsigned int code = d->take(d->freeSlots, timeout);
+    const unsigned int code = d->takeUnit(d->freeSlots, timeout);
     if (code != QueueErrNone)
         return code;
-    d->put(message, length);
+    d->putMessage(message, length);
     d->waitingMessages.release();
     return QueueErrNone;
 }
 
 int TQueue::ReceiveMsg(void *buffer, int bufferSize, unsigned int timeout, unsigned int *errorCode)
 {
-    const unsigned int code = d->take(d->waitingMessages, timeout);
+    const unsigned int code = d->takeUnit(d->waitingMessages, timeout);
     if (code != QueueErrNone) {
         SetErrorCode(errorCode, code);
         return -1;
     }
-    const int length = d->take(buffer, bufferSize);
+    const int length = d->takeMessage(buffer, bufferSize);
     d->freeSlots.release();
     if (length < 0)
         SetErrorCode(errorCode, QueueErrMsgSize);
@@ -232,22 +247,27 @@ TQueue *TQueue::CreateQueue(int messageSize, int messageCount, const QString &na
 TQueue *TQueue::FindQueue(unsigned int queueId, unsigned int *)
 {
     std::lock_guard<std::mutex> locker(GlobalMutex);
-    const auto entry = GlobalQueueIdMap.find(queueId);
-    return entry != GlobalQueueIdMap.end() ? entry->second : nullptr;
+    return entryOf(GlobalQueueIdMap, queueId);
 }
 
 TQueue *TQueue::FindQueue(const QString &name, unsigned int *)
 {
     std::lock_guard<std::mutex> locker(GlobalMutex);
-    const auto entry = GlobalQueueNameMap.find(name);
-    return entry != GlobalQueueNameMap.end() ? entry->second : nullptr;
+    return entryOf(GlobalQueueNameMap, name);
 }
 
 unsigned int TQueue::DestroyQueue(unsigned int queueId)
 {
-    TQueue *queue = FindQueue(queueId);
-    if (!queue)
-        return QueueErrNoQueue;
+    TQueue *queue;
+    {
+        // Unregistering in the same critical section as the lookup lets only
+        // one of several racing calls reach the delete.
+        std::lock_guard<std::mutex> locker(GlobalMutex);
+        queue = entryOf(GlobalQueueIdMap, queueId);
+        if (!queue)
+            return QueueErrNoQueue;
+        eraseEntriesOf(queue, queue->d->id, queue->d->name);
+    }
     delete queue;
     return QueueErrNone;
 }
@@ -256,17 +276,16 @@ QString TQueue::GetQueueName(unsigned int queueId)
 {
     QString name = InvalidQueueName;
     std::lock_guard<std::mutex> locker(GlobalMutex);
-    const auto entry = GlobalQueueIdMap.find(queueId);
-    if (entry != GlobalQueueIdMap.end())
-        name = entry->second->d->name;
+    if (const TQueue *queue = entryOf(GlobalQueueIdMap, queueId))
+        name = queue->d->name;
     return name;
 }
 
 unsigned int TQueue::GetQueueId(const QString &name)
 {
     std::lock_guard<std::mutex> locker(GlobalMutex);
-    const auto entry = GlobalQueueNameMap.find(name);
-    return entry != GlobalQueueNameMap.end() ? entry->second->d->id : InvalidQueueId;
+    const TQueue *queue = entryOf(GlobalQueueNameMap, name);
+    return queue ? queue->d->id : InvalidQueueId;
 }
 
 unsigned int TQueue::GetNextId()
@@ -303,6 +322,5 @@ void TQueue::AddToMaps()
 void TQueue::DestroyQueue()
 {
     std::lock_guard<std::mutex> locker(GlobalMutex);
-    eraseEntryOf(GlobalQueueIdMap, d->id, this);
-    eraseEntryOf(GlobalQueueNameMap, d->name, this);
+    eraseEntriesOf(this, d->id, d->name);
 }

@@ -197,7 +197,10 @@ public:
     /*!
         Deletes the registered queue with identifier \a queueId and returns
         QueueErrNone, or returns QueueErrNoQueue when there is none. The
-        application must make sure that no other thread uses the queue.
+        queue leaves the registry before its destructor runs, so of several
+        threads destroying one identifier at once only one deletes the queue
+        and the others get QueueErrNoQueue. The application must make sure
+        that no other thread uses or deletes the queue meanwhile.
     */
     static unsigned int DestroyQueue(unsigned int queueId);
 

@@ -3,6 +3,7 @@
 #include <QtTest>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -24,10 +25,29 @@ private slots:
     void deletingDirectlyUnregisters();
     void duplicateNameKeepsFirstQueuesEntry();
     void racingCreatesHandOutOneQueue();
+    void racingDestroysDeleteOnce();
 
 private:
     static constexpr unsigned int Untouched = 0xC0FFEE;
 };
+
+// Runs body(0) ... body(count - 1) in threads released together, and waits
+// for them.
+static void runTogether(int count, const std::function<void(int)> &body)
+{
+    std::atomic<int> ready { 0 };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back([&, i] {
+            ++ready;
+            while (ready.load() < count)
+                std::this_thread::yield();
+            body(i);
+        });
+    }
+    for (auto &thread : threads)
+        thread.join();
+}
 
 void tst_TQueueRegistry::identifiersRunFromOneInertIncluded()
 {
@@ -164,20 +184,10 @@ void tst_TQueueRegistry::racingCreatesHandOutOneQueue()
     const QString name = QStringLiteral("contested");
     const int threadCount = 4;
     for (int round = 0; round < 300; ++round) {
-        std::atomic<int> ready { 0 };
         std::vector<TQueue *> created(threadCount, nullptr);
         std::vector<unsigned int> codes(threadCount, Untouched);
-        std::vector<std::thread> threads;
-        for (int i = 0; i < threadCount; ++i) {
-            threads.emplace_back([&, i] {
-                ++ready;
-                while (ready.load() < threadCount)
-                    std::this_thread::yield();
-                created[i] = TQueue::CreateQueue(8, 1, name, &codes[i]);
-            });
-        }
-        for (auto &thread : threads)
-            thread.join();
+        runTogether(threadCount,
+                    [&](int i) { created[i] = TQueue::CreateQueue(8, 1, name, &codes[i]); });
 
         int winners = 0;
         for (int i = 0; i < threadCount; ++i) {
@@ -192,6 +202,23 @@ void tst_TQueueRegistry::racingCreatesHandOutOneQueue()
         }
         QCOMPARE(winners, 1);
         QCOMPARE(TQueue::FindQueue(name), nullptr);
+    }
+}
+
+// Of several threads destroying one identifier at once, exactly one deletes
+// the queue (a second delete would be caught by the sanitizer build).
+void tst_TQueueRegistry::racingDestroysDeleteOnce()
+{
+    const int threadCount = 4;
+    for (int round = 0; round < 300; ++round) {
+        const unsigned int id = TQueue::CreateQueue(8, 1, QStringLiteral("doomed"))->GetQueueId();
+        std::atomic<int> deleted { 0 };
+        runTogether(threadCount, [&](int) {
+            if (TQueue::DestroyQueue(id) == TQueue::QueueErrNone)
+                ++deleted;
+        });
+        QCOMPARE(deleted.load(), 1);
+        QCOMPARE(TQueue::FindQueue(QStringLiteral("doomed")), nullptr);
     }
 }
 
