@@ -115,14 +115,14 @@ private:
     void printTable() const
     {
         const Contender &reference = m_contenders.front();
-        std::printf("%-34s %14s %14s %18s\n", "contender", ("median " + m_unit).c_str(),
+        std::printf("%-38s %14s %14s %18s\n", "contender", ("median " + m_unit).c_str(),
                     "median ratio", "ratio range");
         for (const Contender &contender : m_contenders) {
             std::vector<double> ratios;
             for (std::size_t round = 0; round < contender.rates.size(); ++round)
                 ratios.push_back(reference.rates[round] / contender.rates[round]);
             const auto [lowest, highest] = std::minmax_element(ratios.begin(), ratios.end());
-            std::printf("%-34s %14.4g %14.2f %8.2f .. %6.2f\n", contender.name.c_str(),
+            std::printf("%-38s %14.4g %14.2f %8.2f .. %6.2f\n", contender.name.c_str(),
                         median(contender.rates), median(ratios), *lowest, *highest);
         }
         std::printf("(ratio = %s rate / contender rate in the same round)\n\n",

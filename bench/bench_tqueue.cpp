@@ -191,7 +191,7 @@ void compare(int producers, int consumers, int messages, int rounds)
 
 int main()
 {
-    compare(1, 1, 200000, 15);
-    compare(4, 4, 200000, 15);
+    compare(1, 1, 1000000, 21);
+    compare(4, 4, 1000000, 21);
     return 0;
 }
