@@ -1,0 +1,88 @@
+#include "TLocalTime.h"
+
+#include <atomic>
+#include <ctime>
+#include <limits>
+#include <utime.h>
+
+namespace {
+// Relaxed ordering is enough: the offset guards no other data, and a reader
+// only needs to see one whole value, old or new.
+std::atomic<int> Offset { 0 };
+} // namespace
+
+int TLocalTime::GetOffset()
+{
+    return Offset.load(std::memory_order_relaxed);
+}
+
+void TLocalTime::SetOffset(int seconds)
+{
+    Offset.store(seconds, std::memory_order_relaxed);
+}
+
+int TLocalTime::SetDateTime(int year, int month, int day, int hour, int minute, int second)
+{
+    const QDateTime now = systemDateTime();
+    const QDate date(year, month, day);
+    const QTime time(hour, minute, second);
+    // QDateTime would quietly turn an invalid time into midnight.
+    if (!date.isValid() || !time.isValid())
+        return GetOffset();
+    const QDateTime target(date, time, Qt::UTC);
+    const qint64 seconds = now.secsTo(target);
+    if (seconds < std::numeric_limits<int>::min() || seconds > std::numeric_limits<int>::max())
+        return GetOffset();
+    SetOffset(int(seconds));
+    return int(seconds);
+}
+
+QDateTime TLocalTime::systemDateTime()
+{
+    // The same instant as currentDateTime().toUTC(), without the detour
+    // through the system's time zone.
+    return QDateTime::currentDateTimeUtc();
+}
+
+QDateTime TLocalTime::currentDateTime()
+{
+    return systemDateTime().addSecs(GetOffset());
+}
+
+QDate TLocalTime::currentDate()
+{
+    return currentDateTime().date();
+}
+
+QTime TLocalTime::currentTime()
+{
+    return currentDateTime().time();
+}
+
+void TLocalTime::setFileTime(const QString &path)
+{
+    const QDateTime now = currentDateTime();
+    const QDate date = now.date();
+    const QTime time = now.time();
+
+    std::tm fields {};
+    fields.tm_year = date.year() - 1900;
+    fields.tm_mon = date.month() - 1;
+    fields.tm_mday = date.day();
+    fields.tm_hour = time.hour();
+    fields.tm_min = time.minute();
+    fields.tm_sec = 0;
+    fields.tm_isdst = -1; // let the C library decide whether daylight saving applies
+
+    const std::time_t stamp = std::mktime(&fields);
+    const utimbuf times { stamp, stamp };
+    utime(path.toUtf8().constData(), &times);
+}
+
+qint64 TLocalTime::getCurrentTime()
+{
+    timespec now;
+    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0)
+        return 0;
+    return qint64(now.tv_sec) * 1000 + qint64(now.tv_nsec) / 1000000;
+}
