@@ -243,7 +243,10 @@ void TFileCopyTask::Continue(EFileExistsAction action)
 {
     QMutexLocker locker(&d->mutex);
     d->fileExistsAction = action;
-    d->state = StateCopying;
+    // An answer that arrives before a new batch was expanded (one meant for
+    // the batch it replaced) must not skip the expansion.
+    if (d->state != StatePreparing)
+        d->state = StateCopying;
     QMetaObject::invokeMethod(this, &TFileCopyTask::Run, Qt::QueuedConnection);
 }
 

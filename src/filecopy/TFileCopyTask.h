@@ -288,6 +288,11 @@ public slots:
         that is done ends at once (Progress(100, 0, 0), the closing
         Progress(100, ...) and State(StateFinished, QFileInfo())).
 
+        A batch handed over by CopyFiles() whose pass has not started yet
+        stays in StatePreparing: the answer sets its action, and neither
+        resumes an abandoned batch in its place nor keeps the new one from
+        being expanded.
+
         May be called from any thread; takes the mutex.
     */
     void Continue(EFileExistsAction action);
