@@ -69,7 +69,10 @@ public:
     }
 
     // The events that start with prefix, such as "Progress" or "State".
-    QStringList Only(const QString &prefix) const { return events.filter(QRegExp(QLatin1Char('^') + prefix)); }
+    QStringList Only(const QString &prefix) const
+    {
+        return events.filter(QRegExp(QLatin1Char('^') + prefix));
+    }
 
     const QString root;
     QSignalSpy states;

@@ -41,16 +41,20 @@ public:
             QVERIFY(QMetaObject::invokeMethod(&task, answer.toLatin1().constData()));
     }
 
-    QString LastState() const { return recorder.Only(QStringLiteral("State")).value(-1); }
-    QString LastProgress() const { return recorder.Only(QStringLiteral("Progress")).value(-1); }
+    QString LastState() const { return Last(recorder.Only(QStringLiteral("State"))); }
+    QString LastProgress() const { return Last(recorder.Only(QStringLiteral("Progress"))); }
+    static QString Last(const QStringList &list)
+    {
+        return list.isEmpty() ? QString() : list.constLast();
+    }
     QStringList LastEvents(int count) const
     {
         return recorder.events.mid(recorder.events.size() - count);
     }
 };
 
-#define WAIT_FOR_STATES(fixture, count)                                                            \
-    QTRY_COMPARE_WITH_TIMEOUT((fixture).recorder.states.count(), (count), PassTimeout)
+#define WAIT_FOR_STATES(fixture, expected)                                                         \
+    QTRY_COMPARE_WITH_TIMEOUT((fixture).recorder.states.count(), (expected), PassTimeout)
 
 class tst_TFileCopyTask : public QObject
 {
@@ -74,6 +78,7 @@ private slots:
     void pausesOnFailure();
     void stopsDuringAFileAndResumes();
     void discardsAStopBeforeThePass();
+    void keepsANewBatchFromAStaleAnswer();
     void namesDestinationsAfterEntries();
     void leavesHiddenEntriesInDirectories_data();
     void leavesHiddenEntriesInDirectories();
@@ -103,7 +108,11 @@ void tst_TFileCopyTask::metaObject()
     QCOMPARE(meta.methodCount() - meta.methodOffset(), signatures.size());
     for (int i = 0; i < signatures.size(); ++i) {
         const QMetaMethod method = meta.method(meta.methodOffset() + i);
-        QCOMPARE(method.methodSignature(), signatures[i]);
+        QCOMPARE(meta.indexOfMethod(signatures[i]), meta.methodOffset() + i);
+        // The meta-object spells qint64 by its meta-type name, qlonglong.
+        QCOMPARE(method.methodSignature(),
+                 QByteArray(signatures[i])
+                         .replace("qint64", QMetaType::typeName(qMetaTypeId<qint64>())));
         QCOMPARE(method.methodType(), i < 3 ? QMetaMethod::Signal : QMetaMethod::Slot);
         QCOMPARE(method.access(), i >= 11 ? QMetaMethod::Private : QMetaMethod::Public);
     }
@@ -111,7 +120,8 @@ void tst_TFileCopyTask::metaObject()
         return meta.method(meta.methodOffset() + index).parameterNames();
     };
     QCOMPARE(parameterNames(0), QList<QByteArray>({ "state", "currentFile" }));
-    QCOMPARE(parameterNames(1), QList<QByteArray>({ "percentComplete", "filesCopied", "fileSkipped" }));
+    QCOMPARE(parameterNames(1),
+             QList<QByteArray>({ "percentComplete", "filesCopied", "fileSkipped" }));
     QCOMPARE(parameterNames(2), QList<QByteArray>({ "file" }));
     QCOMPARE(meta.method(meta.methodOffset() + 12).typeName(), "bool");
 
@@ -228,23 +238,23 @@ void tst_TFileCopyTask::answersConflicts_data()
     QTest::addColumn<QByteArray>("b");
     QTest::addColumn<bool>("nextBatchAsks");
     const QByteArray newA(100, 'A'), newB(100, 'B'), old("old");
-    const QStringList overwriteAll = Lines({ "Progress 67 1 0", "FileCopied src/b.txt",
-                                             "Progress 99 2 0", "FileCopied src/a.txt",
-                                             "Progress 100 3 0", "State 4 -" });
+    const QStringList overwriteAll
+            = Lines({ "Progress 67 1 0", "FileCopied src/b.txt", "Progress 99 2 0",
+                      "FileCopied src/a.txt", "Progress 100 3 0", "State 4 -" });
     const QStringList skipAll = Lines({ "Progress 100 1 2", "State 4 -" });
     QTest::newRow("ContinueOverwrite")
             << QStringLiteral("ContinueOverwrite") << QStringLiteral("ContinueSkip")
             << Lines({ "Progress 67 1 0", "FileCopied src/b.txt", "State 2 src/a.txt",
                        "Progress 100 2 1", "State 4 -" })
             << old << newB << true;
-    QTest::newRow("ContinueOverwriteAll")
-            << QStringLiteral("ContinueOverwriteAll") << QString() << overwriteAll << newA << newB
-            << false;
-    QTest::newRow("ContinueSkip")
-            << QStringLiteral("ContinueSkip") << QStringLiteral("ContinueOverwrite")
-            << Lines({ "State 2 src/a.txt", "Progress 99 1 1", "FileCopied src/a.txt",
-                       "Progress 100 2 1", "State 4 -" })
-            << newA << old << true;
+    QTest::newRow("ContinueOverwriteAll") << QStringLiteral("ContinueOverwriteAll") << QString()
+                                          << overwriteAll << newA << newB << false;
+    QTest::newRow("ContinueSkip") << QStringLiteral("ContinueSkip")
+                                  << QStringLiteral("ContinueOverwrite")
+                                  << Lines({ "State 2 src/a.txt", "Progress 99 1 1",
+                                             "FileCopied src/a.txt", "Progress 100 2 1",
+                                             "State 4 -" })
+                                  << newA << old << true;
     QTest::newRow("ContinueSkipAll")
             << QStringLiteral("ContinueSkipAll") << QString() << skipAll << old << old << false;
     QTest::newRow("Continue(Ask)")
@@ -252,8 +262,8 @@ void tst_TFileCopyTask::answersConflicts_data()
             << Lines({ "State 2 src/b.txt" }) + overwriteAll << newA << newB << false;
     QTest::newRow("Continue(SkipAll)")
             << QStringLiteral("Continue:4") << QString() << skipAll << old << old << false;
-    QTest::newRow("Continue(7)")
-            << QStringLiteral("Continue:7") << QString() << overwriteAll << newA << newB << false;
+    QTest::newRow("Continue(7)") << QStringLiteral("Continue:7") << QString() << overwriteAll
+                                 << newA << newB << false;
 }
 
 void tst_TFileCopyTask::answersConflicts()
@@ -273,8 +283,9 @@ void tst_TFileCopyTask::answersConflicts()
     const QStringList sources = Lines({ "a.txt", "b.txt", "c.txt" });
     f.Copy(sources, 0);
     WAIT_FOR_STATES(f, 1);
-    QCOMPARE(f.recorder.events, Lines({ "Progress 0 0 0", "Progress 33 0 0",
-                                        "FileCopied src/c.txt", "State 2 src/b.txt" }));
+    QCOMPARE(f.recorder.events,
+             Lines({ "Progress 0 0 0", "Progress 33 0 0", "FileCopied src/c.txt",
+                     "State 2 src/b.txt" }));
 
     f.recorder.events.clear();
     f.Answer(answer);
@@ -335,19 +346,23 @@ void tst_TFileCopyTask::asksPerWorkItem_data()
     QTest::addColumn<QStringList>("states");
     QTest::addColumn<QString>("lastProgress");
     QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QByteArray>("f2");
     const QStringList perDirectory = Lines({ "State 2 src/tree", "State 4 -" });
     const QStringList perFile
             = Lines({ "State 2 src/tree/sub/f3.txt", "State 2 src/tree/f1.txt", "State 4 -" });
     const QString overwrite = QStringLiteral("ContinueOverwrite");
     const QString skip = QStringLiteral("ContinueSkip");
-    QTest::newRow("depth 0, overwrite") << 0 << overwrite << perDirectory
-                                        << QStringLiteral("Progress 100 3 0") << QByteArray("new");
-    QTest::newRow("depth 0, skip") << 0 << skip << perDirectory
-                                   << QStringLiteral("Progress 100 0 3") << QByteArray("old");
-    QTest::newRow("depth 100, overwrite") << 100 << overwrite << perFile
-                                          << QStringLiteral("Progress 100 3 0") << QByteArray("new");
+    QTest::newRow("depth 0, overwrite")
+            << 0 << overwrite << perDirectory << QStringLiteral("Progress 100 3 0")
+            << QByteArray("new") << QByteArray("new");
+    QTest::newRow("depth 0, skip")
+            << 0 << skip << perDirectory << QStringLiteral("Progress 100 0 3") << QByteArray("old")
+            << QByteArray("<missing>");
+    QTest::newRow("depth 100, overwrite")
+            << 100 << overwrite << perFile << QStringLiteral("Progress 100 3 0")
+            << QByteArray("new") << QByteArray("new");
     QTest::newRow("depth -1, skip") << -1 << skip << perFile << QStringLiteral("Progress 100 1 2")
-                                    << QByteArray("old");
+                                    << QByteArray("old") << QByteArray("new");
 }
 
 void tst_TFileCopyTask::asksPerWorkItem()
@@ -357,6 +372,7 @@ void tst_TFileCopyTask::asksPerWorkItem()
     QFETCH(QStringList, states);
     QFETCH(QString, lastProgress);
     QFETCH(QByteArray, content);
+    QFETCH(QByteArray, f2);
     Fixture f;
     QVERIFY(WriteFile(f.Src("tree/f1.txt"), "new"));
     QVERIFY(WriteFile(f.Src("tree/f2.txt"), "new"));
@@ -373,7 +389,7 @@ void tst_TFileCopyTask::asksPerWorkItem()
     QCOMPARE(f.LastProgress(), lastProgress);
     QCOMPARE(ReadFile(f.Dst("tree/f1.txt")), content);
     QCOMPARE(ReadFile(f.Dst("tree/sub/f3.txt")), content);
-    QCOMPARE(ReadFile(f.Dst("tree/f2.txt")), content == "new" ? content : QByteArray("<missing>"));
+    QCOMPARE(ReadFile(f.Dst("tree/f2.txt")), f2);
 }
 
 void tst_TFileCopyTask::renamesTheCurrentItemOnly()
@@ -407,11 +423,11 @@ void tst_TFileCopyTask::pausesOnFailure_data()
     // d/sub itself has no destination and thus no conflict.
     QTest::addColumn<QStringList>("sources");
     QTest::addColumn<QStringList>("expected");
-    QTest::newRow("items left")
-            << Lines({ "a.txt", "d", "b.txt" })
-            << Lines({ "Progress 0 0 0", "Progress 25 0 0", "FileCopied src/b.txt",
-                       "State 3 src/a.txt", "Progress 50 1 0", "FileCopied src/a.txt",
-                       "Progress 100 2 0", "State 4 -" });
+    QTest::newRow("items left") << Lines({ "a.txt", "d", "b.txt" })
+                                << Lines({ "Progress 0 0 0", "Progress 25 0 0",
+                                           "FileCopied src/b.txt", "State 3 src/a.txt",
+                                           "Progress 50 1 0", "FileCopied src/a.txt",
+                                           "Progress 100 2 0", "State 4 -" });
     QTest::newRow("last item") << Lines({ "d", "b.txt" })
                                << Lines({ "Progress 0 0 0", "Progress 33 0 0",
                                           "FileCopied src/b.txt", "Progress 100 1 0",
@@ -481,6 +497,24 @@ void tst_TFileCopyTask::discardsAStopBeforeThePass()
     f.task.Stop(); // before the queued pass starts
     WAIT_FOR_STATES(f, 1);
     QCOMPARE(f.LastEvents(2), Lines({ "Progress 100 1 0", "State 4 -" }));
+}
+
+void tst_TFileCopyTask::keepsANewBatchFromAStaleAnswer()
+{
+    Fixture f;
+    QVERIFY(WriteFile(f.Src("a.txt"), "new"));
+    QVERIFY(WriteFile(f.Src("c.txt"), "new"));
+    QVERIFY(WriteFile(f.Dst("a.txt"), "old"));
+    f.Copy(Lines({ "a.txt" }), 0);
+    WAIT_FOR_STATES(f, 1);
+    // A new batch, then an answer meant for the abandoned one.
+    f.Copy(Lines({ "c.txt" }), 0);
+    f.task.ContinueOverwrite();
+    WAIT_FOR_STATES(f, 3);
+    QCOMPARE(f.recorder.Only(QStringLiteral("State")),
+             Lines({ "State 2 src/a.txt", "State 4 -", "State 4 -" }));
+    QCOMPARE(ReadFile(f.Dst("c.txt")), QByteArray("new"));
+    QCOMPARE(ReadFile(f.Dst("a.txt")), QByteArray("old"));
 }
 
 void tst_TFileCopyTask::namesDestinationsAfterEntries()

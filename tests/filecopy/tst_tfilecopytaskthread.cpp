@@ -94,16 +94,19 @@ void tst_TFileCopyTaskThread::runsInAWorkerThread()
                 }
             },
             Qt::DirectConnection);
-    connect(&task, &TFileCopyTask::FileCopied, &task, [&] { emitters.Record("FileCopied"); },
+    connect(
+            &task, &TFileCopyTask::FileCopied, &task, [&] { emitters.Record("FileCopied"); },
             Qt::DirectConnection);
-    connect(&task, &TFileCopyTask::State, &task, [&] { emitters.Record("State"); },
+    connect(
+            &task, &TFileCopyTask::State, &task, [&] { emitters.Record("State"); },
             Qt::DirectConnection);
     worker.MoveToThisThread(&task);
     QCOMPARE(task.thread(), worker.thread());
     worker.start();
 
     // A question, answered through a queued connection from this thread.
-    task.CopyFiles({ QFileInfo(src + QStringLiteral("/a.txt")), QFileInfo(src + QStringLiteral("/b.txt")),
+    task.CopyFiles({ QFileInfo(src + QStringLiteral("/a.txt")),
+                     QFileInfo(src + QStringLiteral("/b.txt")),
                      QFileInfo(src + QStringLiteral("/c.txt")) },
                    QRegExp::escape(src), dst, 0);
     QCOMPARE(recorder.events, Lines({ "Progress 0 0 0" }));
@@ -113,15 +116,15 @@ void tst_TFileCopyTaskThread::runsInAWorkerThread()
     QCOMPARE(recorder.events,
              Lines({ "Progress 0 0 0", "Progress 33 0 0", "FileCopied src/c.txt",
                      "State 2 src/b.txt", "Progress 67 1 0", "FileCopied src/b.txt",
-                     "Progress 99 2 0", "FileCopied src/a.txt", "Progress 100 3 0",
-                     "State 4 -" }));
+                     "Progress 99 2 0", "FileCopied src/a.txt", "Progress 100 3 0", "State 4 -" }));
     QVERIFY(SameTrees(src, dst));
 
     // A stop from this thread while the pass holds the mutex inside y.bin;
     // then a resume queued by name.
     recorder.events.clear();
     holdNextReport = true;
-    task.CopyFiles({ QFileInfo(big + QStringLiteral("/x.txt")), QFileInfo(big + QStringLiteral("/y.bin")) },
+    task.CopyFiles({ QFileInfo(big + QStringLiteral("/x.txt")),
+                     QFileInfo(big + QStringLiteral("/y.bin")) },
                    QRegExp::escape(big), dst, 0);
     QVERIFY(reached.tryAcquire(1, PassTimeout));
     task.Stop();
