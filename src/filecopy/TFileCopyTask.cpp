@@ -43,12 +43,6 @@ bool LookUpFileId(const QString &path, FileId *id)
     return true;
 }
 
-bool IsSameFile(const QString &path, const QString &otherPath)
-{
-    FileId id, otherId;
-    return LookUpFileId(path, &id) && LookUpFileId(otherPath, &otherId) && id == otherId;
-}
-
 // descent holds the directories from the root of the collection down to the
 // parent of info. A directory that is already on it is reached again through a
 // link, and descending it would never end: it is left out.
@@ -363,17 +357,14 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
 {
     const QString source = fileInfo.absoluteFilePath();
     const QString destination = DestinationPath(source, pattern, destPrefix);
+    // Left unchanged, the path of an entry that the prefix does not match
+    // would name the source itself.
     if (destination.isNull())
         return false;
     if (fileInfo.isDir()) {
         QDir().mkpath(destination);
         return true;
     }
-    // The copier clears its destination before it reads the source: a source
-    // that is its own destination, under either name, would be lost.
-    if (IsSameFile(source, destination)
-        || IsSameFile(source, TFileSystemHelper::FileCopyLowerCaseDestFilename(destination)))
-        return false;
     QDir().mkpath(QFileInfo(destination).absolutePath());
     return TFileSystemHelper::FileCopyWithProgress(source, destination, this, "OnBytesWritten",
                                                    true);
