@@ -43,11 +43,49 @@ bool LookUpFileId(const QString &path, FileId *id)
     return true;
 }
 
-// descent holds the directories from the root of the collection down to the
-// parent of info. A directory that is already on it is reached again through a
-// link, and descending it would never end: it is left out.
-void CollectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth,
-                 std::vector<FileId> &descent)
+bool Contains(const std::vector<FileId> &ids, const FileId &id)
+{
+    return std::find(ids.cbegin(), ids.cend(), id) != ids.cend();
+}
+
+// The directories that a collection must not enter: those on its way down
+// from its root, and those above the root. Each of them contains the
+// directory being listed, so entering one again through a link would repeat
+// the descent without end.
+class Descent
+{
+public:
+    explicit Descent(const QFileInfo &root) : root(root) { }
+
+    bool AtRoot() const { return path.empty(); }
+    void Enter(const FileId &id) { path.push_back(id); }
+    void Leave() { path.pop_back(); }
+
+    bool Encloses(const FileId &id)
+    {
+        // Looked up when first needed: most collections are of single files
+        // or of directories without subdirectories.
+        if (!aboveKnown) {
+            aboveKnown = true;
+            QString directory = root.canonicalFilePath();
+            while (!directory.isEmpty() && directory != QLatin1String("/")) {
+                directory = QFileInfo(directory).path();
+                FileId aboveId;
+                if (LookUpFileId(directory, &aboveId))
+                    above.push_back(aboveId);
+            }
+        }
+        return Contains(path, id) || Contains(above, id);
+    }
+
+private:
+    const QFileInfo root;
+    bool aboveKnown = false;
+    std::vector<FileId> above;
+    std::vector<FileId> path;
+};
+
+void CollectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth, Descent &descent)
 {
     if (!info.exists())
         return;
@@ -56,8 +94,7 @@ void CollectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth,
         return;
     }
     FileId id;
-    if (!LookUpFileId(info.absoluteFilePath(), &id)
-        || std::find(descent.cbegin(), descent.cend(), id) != descent.cend())
+    if (!LookUpFileId(info.absoluteFilePath(), &id) || (!descent.AtRoot() && descent.Encloses(id)))
         return;
     if (depth == 0) {
         out.append(info);
@@ -72,12 +109,12 @@ void CollectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth,
     // counted down towards an overflow.
     const int childDepth = depth > 0 ? depth - 1 : depth;
     const int collectedBefore = out.size();
-    descent.push_back(id);
+    descent.Enter(id);
     for (const QFileInfo &child : children)
         CollectInto(child, out, childDepth, descent);
-    descent.pop_back();
-    // A directory that gave no entry (empty, hidden entries only, or only a
-    // link back up) is an entry of its own, so that it is recreated.
+    descent.Leave();
+    // A directory that gave no entry (empty, hidden entries only, or only
+    // links back up) is an entry of its own, so that it is recreated.
     if (out.size() == collectedBefore)
         out.append(info);
 }
@@ -86,9 +123,10 @@ void CollectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth,
 // directories down to depth levels below info (all the way when negative).
 void CollectEntries(const QFileInfo &info, QList<QFileInfo> &out, int depth)
 {
-    std::vector<FileId> descent;
     // A fresh object: a cached status may be older than the batch.
-    CollectInto(QFileInfo(info.filePath()), out, depth, descent);
+    const QFileInfo root(info.filePath());
+    Descent descent(root);
+    CollectInto(root, out, depth, descent);
 }
 
 // The destination prefix for an entry: a place marker stands for the entry's

@@ -65,13 +65,13 @@ class TFileCopyTaskPrivate;
     hidden file or directory named directly in the sources is copied.
     Symbolic links to files and directories are followed.
 
-    A directory is not descended into when it is, by device and inode, a
-    directory on the current descent: a link that leads back to a directory
-    that contains it (also through other links) is not followed again, and
-    the directory holding it is copied without that link. Every descent
-    therefore ends, whatever the depth, also with a negative depth. A link to
-    a directory above the work item being collected is not on that descent
-    and is followed once, to the point where it meets the item again.
+    A directory is not descended into when it is, by device and inode, one
+    that contains the directory being listed: a directory on the way down
+    from the source or work item being listed, or one above it. A link that
+    leads back up (directly or through other links) is thus not followed, and
+    the directory holding it is copied without it. Every descent therefore
+    ends, whatever the depth, also with a negative depth, and the entries do
+    not depend on the depth at which the batch is split.
 
     \section1 Threads and locks
 

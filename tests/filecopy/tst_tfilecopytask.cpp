@@ -571,6 +571,7 @@ void tst_TFileCopyTask::endsLinkCycles_data()
 {
     QTest::addColumn<int>("depth");
     QTest::newRow("whole source") << 0;
+    QTest::newRow("one level") << 1;
     QTest::newRow("all levels") << -1;
     QTest::newRow("large depth") << 100;
 }
@@ -579,18 +580,23 @@ void tst_TFileCopyTask::endsLinkCycles()
 {
     QFETCH(int, depth);
     Fixture f;
-    for (const char *name : { "tree/f.txt", "tree/sub/g.txt", "tree/a/fa.txt", "tree/b/fb.txt" })
+    for (const char *name :
+         { "tree/f.txt", "tree/sub/g.txt", "tree/a/fa.txt", "tree/b/fb.txt", "other/o.txt" })
         QVERIFY(WriteFile(f.Src(name), name));
-    // A link to its own directory, one to the source, and a cycle of two.
-    QCOMPARE(::symlink(".", QFile::encodeName(f.Src("tree/sub/self")).constData()), 0);
-    QCOMPARE(::symlink("..", QFile::encodeName(f.Src("tree/sub/up")).constData()), 0);
-    QCOMPARE(::symlink("../b", QFile::encodeName(f.Src("tree/a/x")).constData()), 0);
-    QCOMPARE(::symlink("../a", QFile::encodeName(f.Src("tree/b/y")).constData()), 0);
+    // Links to their own directory, to the source, above the source, a cycle
+    // of two, and one out of the source that is no cycle.
+    for (const auto &link : { std::make_pair(".", "tree/sub/self"),
+                              { "..", "tree/sub/up" },
+                              { "../..", "tree/sub/top" },
+                              { "../b", "tree/a/x" },
+                              { "../a", "tree/b/y" },
+                              { "../other", "tree/ext" } })
+        QCOMPARE(::symlink(link.first, QFile::encodeName(f.Src(link.second)).constData()), 0);
     f.Copy(Lines({ "tree" }), depth);
     WAIT_FOR_STATES(f, 1);
-    QCOMPARE(f.LastProgress(), QStringLiteral("Progress 100 6 0"));
+    QCOMPARE(f.LastProgress(), QStringLiteral("Progress 100 7 0"));
 
-    // Each link is followed until it meets a directory of its own descent.
+    // A link is followed until it would enter a directory that contains it.
     const QDir copy(f.Dst("tree"));
     QStringList copied;
     QDirIterator it(copy.path(), QDir::Files, QDirIterator::Subdirectories);
@@ -598,7 +604,8 @@ void tst_TFileCopyTask::endsLinkCycles()
         copied << copy.relativeFilePath(it.next());
     copied.sort();
     QCOMPARE(copied,
-             Lines({ "a/fa.txt", "a/x/fb.txt", "b/fb.txt", "b/y/fa.txt", "f.txt", "sub/g.txt" }));
+             Lines({ "a/fa.txt", "a/x/fb.txt", "b/fb.txt", "b/y/fa.txt", "ext/o.txt", "f.txt",
+                     "sub/g.txt" }));
 }
 
 void tst_TFileCopyTask::neverCopiesASourceOntoItself_data()
