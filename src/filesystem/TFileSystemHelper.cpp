@@ -212,6 +212,8 @@ bool TFileSystemHelper::IsValidFileName(QString fileName)
         if (fileName.indexOf(invalid) >= 0)
             return false;
     }
+    // The rule the error message states; with '.' in the set above it can
+    // only fail if that set changes.
     return !fileName.startsWith(QLatin1Char('.')) && !fileName.endsWith(QLatin1Char('.'));
 }
 
@@ -268,6 +270,7 @@ bool TFileSystemHelper::FileCopyWithProgress(const QString &srcFile, const QStri
                                              bool stampFileTime)
 {
     const QString actualDestFile = FileCopyLowerCaseDestFilename(destFile);
+    const bool renamed = actualDestFile != destFile;
 
     // The source is opened before anything is removed, so that a destination
     // reaching the same file can be recognised by device and inode.
@@ -276,12 +279,12 @@ bool TFileSystemHelper::FileCopyWithProgress(const QString &srcFile, const QStri
     if (sourceOpen) {
         struct stat sourceStatus;
         if (::fstat(source.handle(), &sourceStatus) != 0 || reaches(destFile, sourceStatus)
-            || reaches(actualDestFile, sourceStatus))
+            || (renamed && reaches(actualDestFile, sourceStatus)))
             return false;
     }
 
-    removeExisting(destFile);
-    if (!removeExisting(actualDestFile) || !sourceOpen)
+    const bool destFileRemoved = removeExisting(destFile);
+    if (!(renamed ? removeExisting(actualDestFile) : destFileRemoved) || !sourceOpen)
         return false;
 
     // Unbuffered: every byte written is in the descriptor when fsync() runs,

@@ -124,7 +124,8 @@ public:
         for a source whose size does not change meanwhile the values add up
         to the file size. Returning false aborts the copy. A call that cannot
         be made (no such method, or a receiver in another thread, which
-        cannot return a value) is ignored and the copy goes on.
+        cannot return a value) is skipped, with Qt's own warning, and the copy
+        goes on.
 
         The result is false, and the copy left as far as it got (without the
         permissions and the stamp), when the source cannot be opened (the

@@ -75,6 +75,8 @@ void TLocalTime::setFileTime(const QString &path)
     fields.tm_isdst = -1; // let the C library decide whether daylight saving applies
 
     const std::time_t stamp = std::mktime(&fields);
+    if (stamp == std::time_t(-1))
+        return; // a time the C library cannot represent, such as past 2038 with a 32-bit time_t
     const utimbuf times { stamp, stamp };
     utime(path.toUtf8().constData(), &times);
 }

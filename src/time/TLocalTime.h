@@ -94,8 +94,9 @@ public:
         The offset clock's wall-clock fields are read as local time in the
         process's time zone, so a listing of the file in that time zone shows
         the offset clock's date, hour and minute. The path is encoded as
-        UTF-8. A missing path, a path without write permission or any other
-        failure leaves the file as it was and is not reported.
+        UTF-8. A missing path, a path without write permission, a time that
+        the C library cannot represent (past 2038 where time_t has 32 bits)
+        or any other failure leaves the file as it was and is not reported.
     */
     static void setFileTime(const QString &path);
 
