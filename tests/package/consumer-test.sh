@@ -1,24 +1,48 @@
 #!/usr/bin/env bash
-# usage: consumer-test.sh BUILD_DIR CONSUMER_SOURCE WORK_DIR CXX [EXTRA_FLAGS]
+# usage: consumer-test.sh CONSUMER_SOURCE WORK_DIR CXX EXTRA_FLAGS PACKAGE=BUILD_DIR...
+# Installs every build into one scratch prefix, then builds the consumer
+# against each package (Trellis for Qt 5, Trellis6 for Qt 6) twice, through
+# find_package() and through pkg-config, runs it, and checks that it loads
+# that package's library and Qt and nothing of the other.
 set -euo pipefail
-build=$1 source=$2 work=$3 cxx=$4 flags=${5:-}
+source=$1 work=$2 cxx=$3 flags=$4
+shift 4
 rm -rf "$work"
 prefix=$work/prefix
 
-cmake --install "$build" --prefix "$prefix" >/dev/null
-libdir=$(dirname "$(find "$prefix" -name 'libTrellis.so.1' | head -n1)")
-test -L "$libdir/libTrellis.so" && test -f "$prefix/include/Trellis/Trellis.h"
-test "$(readelf -d "$libdir/libTrellis.so.1" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')" = libTrellis.so.1
+for pair in "$@"; do
+    cmake --install "${pair#*=}" --prefix "$prefix" >/dev/null
+done
 
-echo "== find_package(Trellis)"
-cmake -S "$source" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
-    -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >/dev/null
-cmake --build "$work/cmake-build" >/dev/null
-"$work/cmake-build/consumer"
+# The Trellis and Qt libraries a program loads, one a line.
+loaded() { ldd "$1" | sed -n 's/^\s*\(lib\(Trellis\|Qt\)[^ ]*\).*/\1/p' | LC_ALL=C sort | tr '\n' ' '; }
 
-echo "== pkg-config trellis"
-export PKG_CONFIG_PATH=$libdir/pkgconfig
-# shellcheck disable=SC2046
-"$cxx" -std=c++17 -fPIC $flags -o "$work/consumer-pc" "$source/main.cpp" \
-    $(pkg-config --cflags --libs trellis) -Wl,-rpath,"$libdir"
-"$work/consumer-pc"
+for pair in "$@"; do
+    package=${pair%%=*}
+    case $package in
+    Trellis) headers=$prefix/include/Trellis expected="libQt5Core.so.5 libTrellis.so.1 " ;;
+    Trellis6) headers=$prefix/include/Trellis6/Trellis
+        expected="libQt6Core.so.6 libQt6Core5Compat.so.6 libTrellis6.so.1 " ;;
+    *) echo "unknown package $package" >&2; exit 2 ;;
+    esac
+    library=lib$package.so.1
+    libdir=$(dirname "$(find "$prefix" -name "$library" | head -n1)")
+    test -L "$libdir/lib$package.so" && test -f "$headers/Trellis.h"
+    test "$(readelf -d "$libdir/$library" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')" = "$library"
+
+    echo "== find_package($package)"
+    cmake -S "$source" -B "$work/$package-cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+        -DTRELLIS_PACKAGE="$package" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >/dev/null
+    cmake --build "$work/$package-cmake" >/dev/null
+    "$work/$package-cmake/consumer"
+    test "$(loaded "$work/$package-cmake/consumer")" = "$expected"
+
+    pc=${package,,}
+    echo "== pkg-config $pc"
+    pcflags=$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs "$pc")
+    # shellcheck disable=SC2086
+    "$cxx" -std=c++17 -fPIC $flags -o "$work/$pc-consumer" "$source/main.cpp" $pcflags \
+        -Wl,-rpath,"$libdir"
+    "$work/$pc-consumer"
+    test "$(loaded "$work/$pc-consumer")" = "$expected"
+done
