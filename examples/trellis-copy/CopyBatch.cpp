@@ -5,8 +5,6 @@
 #include <QRegExp>
 #include <QRegularExpression>
 
-#include <algorithm>
-
 CopyBatch::CopyBatch(const QString &parentPath)
     : m_parentPath(parentPath == QLatin1String("/") ? QString() : parentPath)
 { }
@@ -40,8 +38,11 @@ QList<QFileInfo> CopyBatch::TaskSources(const QFileInfo &lastItem) const
 {
     QList<QFileInfo> sources;
     sources.reserve(m_items.size() + 1);
-    sources.append(lastItem);
-    std::reverse_copy(m_items.cbegin(), m_items.cend(), std::back_inserter(sources));
+    sources.append(QFileInfo(lastItem.absoluteFilePath()));
+    // Fresh objects: the task's thread fills in their cached status while
+    // this thread keeps using the items.
+    for (auto item = m_items.crbegin(); item != m_items.crend(); ++item)
+        sources.append(QFileInfo(item->absoluteFilePath()));
     return sources;
 }
 

@@ -30,7 +30,8 @@ public:
 
     /*!
         The sources to hand to CopyFiles() with depth 0: \a lastItem first,
-        since the task works its list from the end, then the items in reverse.
+        since the task works its list from the end, then the items in reverse,
+        as objects of their own that share no cached status with items().
     */
     QList<QFileInfo> TaskSources(const QFileInfo &lastItem) const;
 

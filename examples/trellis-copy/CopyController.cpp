@@ -17,7 +17,8 @@ bool SamePath(const QFileInfo &a, const QFileInfo &b)
 CopyController::CopyController(const CommandLine &request, QObject *parent)
     : QObject(parent), m_request(request), m_lastingAction(request.conflictAction()),
       m_task(request.conflictAction()),
-      m_closingDir(QDir::tempPath() + QStringLiteral("/trellis-copy-XXXXXX"))
+      // Hidden, so that no listing of a source directory takes it in.
+      m_closingDir(QDir::tempPath() + QStringLiteral("/.trellis-copy-XXXXXX"))
 {
     connect(&m_task, &TFileCopyTask::Progress, this, &CopyController::OnProgress,
             Qt::QueuedConnection);
@@ -27,13 +28,12 @@ CopyController::CopyController(const CommandLine &request, QObject *parent)
     // A pass queued before an interrupt clears the stop request when it
     // starts; its first report in the worker thread asks again.
     TFileCopyTask *task = &m_task;
-    connect(
-            &m_task, &TFileCopyTask::Progress, &m_task,
-            [this, task] {
-                if (m_stopWanted.load())
-                    task->Stop();
-            },
-            Qt::DirectConnection);
+    const auto stopIfWanted = [this, task] {
+        if (m_stopWanted.load())
+            task->Stop();
+    };
+    connect(&m_task, &TFileCopyTask::Progress, &m_task, stopIfWanted, Qt::DirectConnection);
+    connect(&m_task, &TFileCopyTask::FileCopied, &m_task, stopIfWanted, Qt::DirectConnection);
     connect(&m_questions, &CopyQuestions::ConflictAnswered, this,
             &CopyController::OnConflictAnswered);
     connect(&m_questions, &CopyQuestions::FailureAnswered, this,

@@ -25,8 +25,8 @@
     connections and queued invocations, except for Stop(), which must reach
     a running pass directly.
 
-    Every batch ends with one extra work item: an empty directory of its
-    own, whose destination is DEST itself, so that it always conflicts and
+    Every batch ends with one extra work item: an empty hidden temporary
+    directory of its own, whose destination is DEST itself, so that it always conflicts and
     is skipped (or, under overwrite all, recreated as the DEST that exists).
     Being the last item, it keeps a failure of the last real item from
     ending the pass as finished: the task then reports it as

@@ -121,9 +121,12 @@ private:
 // trellis-copy with standard input, output and error on pipes.
 struct PlainRun
 {
-    explicit PlainRun(const QStringList &arguments)
+    explicit PlainRun(const QStringList &arguments,
+                      const QProcessEnvironment &environment
+                      = QProcessEnvironment::systemEnvironment())
     {
         QProcess process;
+        process.setProcessEnvironment(environment);
         process.setStandardInputFile(QProcess::nullDevice());
         process.start(Program, arguments);
         if (process.waitForFinished(Timeout) && process.exitStatus() == QProcess::NormalExit)
@@ -172,6 +175,7 @@ private slots:
     void refusesBadUsage();
     void helpExplainsOptionsAnswersAndExitCodes();
     void copiesTreesFromSeveralParents();
+    void copiesNothingOfItsOwnFromATemporaryDirectoryInASource();
     void actsOnConflictsWithoutATerminal_data();
     void actsOnConflictsWithoutATerminal();
     void takesAnswersAtTheTerminal_data();
@@ -272,6 +276,17 @@ void tst_TrellisCopy::copiesTreesFromSeveralParents()
     // a, b, c, d, the empty directory and e.
     QVERIFY2(run.output.contains("Done: 6 copied, 0 skipped, 0 failed"), run.output.constData());
     QVERIFY2(!run.output.contains('\r') && !run.output.contains('\033'), run.output.constData());
+}
+
+void tst_TrellisCopy::copiesNothingOfItsOwnFromATemporaryDirectoryInASource()
+{
+    // The program keeps a temporary directory of its own while it runs.
+    QVERIFY(QDir().mkpath(m_root + QStringLiteral("/src/tmp")));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("TMPDIR"), m_root + QStringLiteral("/src/tmp"));
+    const PlainRun run(Resolved(Lines({ "@/src", "@/dst" }), m_root), environment);
+    QCOMPARE(run.exitCode, 0);
+    QVERIFY(SameTrees(m_root + QStringLiteral("/src"), m_root + QStringLiteral("/dst/src")));
 }
 
 void tst_TrellisCopy::actsOnConflictsWithoutATerminal_data()
