@@ -44,8 +44,8 @@ class TFileCopyTaskPrivate;
     The destination of a source path is the path with the match of the
     source prefix replaced by the destination prefix, in which \c %1 stands
     for the complete base name (QFileInfo::completeBaseName()) of the entry
-    being copied; for the conflict test of a work item, for the item's own
-    name. With the source prefix \c /data and the destination prefix
+    being copied (and, when the pass tests whether a work item's destination
+    exists, for the item's own name). With the source prefix \c /data and the destination prefix
     \c /backup/%1, the file \c /data/a/report.txt goes to
     \c /backup/report/a/report.txt. A destination prefix without a place
     marker is used as it stands, and the replacement text is taken

@@ -6,7 +6,6 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
-#include <QSignalSpy>
 #include <QStringList>
 #include <QTemporaryDir>
 
@@ -42,17 +41,18 @@ inline bool SameTrees(const QString &left, const QString &right)
     return QProcess::execute(QStringLiteral("diff"), { QStringLiteral("-r"), left, right }) == 0;
 }
 
-// Records the signals of a task, in the order they arrive, as text such as
-// "Progress 33 0 0", "FileCopied src/c.txt" or "State 2 src/b.txt", with paths
-// relative to root and "-" for an empty QFileInfo.
+// Records the signals of a task in the order they reach the recorder's thread,
+// as text such as "Progress 33 0 0", "FileCopied src/c.txt" or
+// "State 2 src/b.txt", with paths relative to root and "-" for an empty
+// QFileInfo.
 class CopyTaskRecorder : public QObject
 {
 public:
-    CopyTaskRecorder(TFileCopyTask *task, const QString &root)
-        : root(root), states(task, &TFileCopyTask::State)
+    CopyTaskRecorder(TFileCopyTask *task, const QString &root) : root(root)
     {
         connect(task, &TFileCopyTask::State, this, [this](int state, const QFileInfo &file) {
             events << QStringLiteral("State %1 %2").arg(state).arg(Name(file));
+            ++states;
         });
         connect(task, &TFileCopyTask::Progress, this, [this](int percent, int copied, int skipped) {
             events << QStringLiteral("Progress %1 %2 %3").arg(percent).arg(copied).arg(skipped);
@@ -75,8 +75,10 @@ public:
     }
 
     const QString root;
-    QSignalSpy states;
     QStringList events;
+    // Counted here rather than by a QSignalSpy, which would count in the
+    // emitting thread, ahead of the queued events.
+    int states = 0;
 };
 
 #endif // TRELLIS_COPYTASKRECORDER_H

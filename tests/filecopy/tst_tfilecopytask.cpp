@@ -2,6 +2,7 @@
 
 #include <QDirIterator>
 #include <QMetaMethod>
+#include <QSignalSpy>
 #include <QtTest>
 
 #include <unistd.h>
@@ -54,7 +55,7 @@ public:
 };
 
 #define WAIT_FOR_STATES(fixture, expected)                                                         \
-    QTRY_COMPARE_WITH_TIMEOUT((fixture).recorder.states.count(), (expected), PassTimeout)
+    QTRY_COMPARE_WITH_TIMEOUT((fixture).recorder.states, (expected), PassTimeout)
 
 class tst_TFileCopyTask : public QObject
 {
@@ -184,8 +185,16 @@ void tst_TFileCopyTask::copiesFromTheEndOfTheList()
     Fixture f;
     QVERIFY(WriteFile(f.Src("a.txt"), QByteArray(100, 'a')));
     QVERIFY(WriteFile(f.Src("b.txt"), QByteArray(100, 'b')));
+    QSignalSpy copied(&f.task, &TFileCopyTask::FileCopied);
+    QSignalSpy states(&f.task, &TFileCopyTask::State);
     f.Copy(Lines({ "a.txt", "b.txt" }), 0);
     WAIT_FOR_STATES(f, 1);
+    QCOMPARE(copied.size(), 2);
+    QCOMPARE(copied[0][0].value<QFileInfo>(), QFileInfo(f.Src("b.txt")));
+    QCOMPARE(copied[1][0].value<QFileInfo>(), QFileInfo(f.Src("a.txt")));
+    QCOMPARE(states.size(), 1);
+    QCOMPARE(states[0][0].toInt(), int(TFileCopyTask::StateFinished));
+    QVERIFY(states[0][1].value<QFileInfo>().filePath().isEmpty());
     // The copier reports a small file once, before the task counts it; the
     // last byte of the batch still reads 99.
     QCOMPARE(f.recorder.events,
@@ -300,7 +309,7 @@ void tst_TFileCopyTask::answersConflicts()
     QCOMPARE(ReadFile(f.Dst("c.txt")), QByteArray(100, 'C'));
 
     // An answer for all governs the next batch too.
-    const int before = f.recorder.states.count();
+    const int before = f.recorder.states;
     f.Copy(sources, 0);
     WAIT_FOR_STATES(f, before + 1);
     QCOMPARE(f.LastState(),

@@ -110,9 +110,9 @@ void tst_TFileCopyTaskThread::runsInAWorkerThread()
                      QFileInfo(src + QStringLiteral("/c.txt")) },
                    QRegExp::escape(src), dst, 0);
     QCOMPARE(recorder.events, Lines({ "Progress 0 0 0" }));
-    QTRY_COMPARE_WITH_TIMEOUT(recorder.states.count(), 1, PassTimeout);
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.states, 1, PassTimeout);
     emit answerer.Answer(TFileCopyTask::OverwriteAll);
-    QTRY_COMPARE_WITH_TIMEOUT(recorder.states.count(), 2, PassTimeout);
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.states, 2, PassTimeout);
     QCOMPARE(recorder.events,
              Lines({ "Progress 0 0 0", "Progress 33 0 0", "FileCopied src/c.txt",
                      "State 2 src/b.txt", "Progress 67 1 0", "FileCopied src/b.txt",
@@ -129,11 +129,14 @@ void tst_TFileCopyTaskThread::runsInAWorkerThread()
     QVERIFY(reached.tryAcquire(1, PassTimeout));
     task.Stop();
     resume.release();
-    QTRY_COMPARE_WITH_TIMEOUT(recorder.states.count(), 3, PassTimeout);
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.states, 3, PassTimeout);
     QCOMPARE(recorder.Only(QStringLiteral("State")), Lines({ "State 4 big/x.txt" }));
     QVERIFY(recorder.Only(QStringLiteral("FileCopied")).isEmpty());
-    QVERIFY(QMetaObject::invokeMethod(&task, "ContinueSkipAll", Qt::QueuedConnection));
-    QTRY_COMPARE_WITH_TIMEOUT(recorder.states.count(), 4, PassTimeout);
+    qRegisterMetaType<TFileCopyTask::EFileExistsAction>("EFileExistsAction");
+    QVERIFY(QMetaObject::invokeMethod(
+            &task, "Continue", Qt::QueuedConnection,
+            Q_ARG(TFileCopyTask::EFileExistsAction, TFileCopyTask::SkipAll)));
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.states, 4, PassTimeout);
     QCOMPARE(recorder.events.mid(recorder.events.size() - 3),
              Lines({ "FileCopied big/x.txt", "Progress 100 1 0", "State 4 -" }));
 
