@@ -3,7 +3,9 @@
 # Installs every build into one scratch prefix, then builds the consumer
 # against each package (Trellis for Qt 5, Trellis6 for Qt 6) twice, through
 # find_package() and through pkg-config, runs it, and checks that it loads
-# that package's library and Qt and nothing of the other.
+# that package's library and Qt and nothing of the other; so must the
+# installed trellis-copy program (trellis-copy6 for Qt 6) of a build that has
+# the examples.
 set -euo pipefail
 source=$1 work=$2 cxx=$3 flags=$4
 shift 4
@@ -20,8 +22,9 @@ loaded() { ldd "$1" | sed -n 's/^\s*\(lib\(Trellis\|Qt\)[^ ]*\).*/\1/p' | LC_ALL
 for pair in "$@"; do
     package=${pair%%=*}
     case $package in
-    Trellis) headers=$prefix/include/Trellis expected="libQt5Core.so.5 libTrellis.so.1 " ;;
-    Trellis6) headers=$prefix/include/Trellis6/Trellis
+    Trellis) headers=$prefix/include/Trellis program=$prefix/bin/trellis-copy
+        expected="libQt5Core.so.5 libTrellis.so.1 " ;;
+    Trellis6) headers=$prefix/include/Trellis6/Trellis program=$prefix/bin/trellis-copy6
         expected="libQt6Core.so.6 libQt6Core5Compat.so.6 libTrellis6.so.1 " ;;
     *) echo "unknown package $package" >&2; exit 2 ;;
     esac
@@ -45,4 +48,10 @@ for pair in "$@"; do
         -Wl,-rpath,"$libdir"
     "$work/$pc-consumer"
     test "$(loaded "$work/$pc-consumer")" = "$expected"
+
+    if grep -q '^TRELLIS_BUILD_EXAMPLES:BOOL=ON$' "${pair#*=}/CMakeCache.txt"; then
+        echo "== $(basename "$program")"
+        "$program" --version
+        test "$(loaded "$program")" = "$expected"
+    fi
 done
