@@ -1,0 +1,29 @@
+// filecopy_probe SOURCE DESTINATION [FILE-SIZE-LIMIT]
+//
+// Copies SOURCE to DESTINATION with TFileSystemHelper::FileCopy (no stamp)
+// and exits with 0 when the copy returned true, 1 when it returned false and
+// 2 on bad usage. With a limit, files this process writes may not grow past
+// that many bytes: a write beyond it fails instead of killing the process.
+// The tests run it under strace and with such a limit.
+
+#include <Trellis/TFileSystemHelper.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <sys/resource.h>
+
+int main(int argc, char **argv)
+{
+    if (argc < 3 || argc > 4)
+        return 2;
+    if (argc == 4) {
+        std::signal(SIGXFSZ, SIG_IGN);
+        const rlim_t limit = std::strtoull(argv[3], nullptr, 10);
+        const struct rlimit fileSize = { limit, limit };
+        if (setrlimit(RLIMIT_FSIZE, &fileSize) != 0)
+            return 2;
+    }
+    const bool copied = TFileSystemHelper::FileCopy(QString::fromLocal8Bit(argv[1]),
+                                                    QString::fromLocal8Bit(argv[2]), false);
+    return copied ? 0 : 1;
+}
