@@ -108,7 +108,7 @@ private slots:
 
 private:
     QString path(const QString &name) const { return m_dir->filePath(name); }
-    QString probe() const;
+    QStringList probe() const;
 
     std::unique_ptr<QTemporaryDir> m_dir;
 };
@@ -125,9 +125,14 @@ void tst_FileCopy::init()
     QVERIFY(m_dir->isValid());
 }
 
-QString tst_FileCopy::probe() const
+// The command that starts the probe. The probe is built for the same machine
+// as this test, so in a cross build it runs through the same emulator.
+QStringList tst_FileCopy::probe() const
 {
-    return QCoreApplication::applicationDirPath() + QStringLiteral("/filecopy_probe");
+    QStringList command = QString::fromLocal8Bit(qgetenv("TRELLIS_TEST_EMULATOR"))
+                                  .split(QLatin1Char(';'), Qt::SkipEmptyParts);
+    command.append(QCoreApplication::applicationDirPath() + QStringLiteral("/filecopy_probe"));
+    return command;
 }
 
 void tst_FileCopy::copies_data()
@@ -385,9 +390,9 @@ void tst_FileCopy::systemCalls()
                                + QStringLiteral(":detect_leaks=0"));
     strace.setProcessEnvironment(environment);
     strace.start(QStringLiteral("strace"),
-                 { QStringLiteral("-f"), QStringLiteral("-qq"), QStringLiteral("-e"),
-                   QStringLiteral("trace=desc"), QStringLiteral("-o"), tracePath, probe(), source,
-                   copy });
+                 QStringList { QStringLiteral("-f"), QStringLiteral("-qq"), QStringLiteral("-e"),
+                               QStringLiteral("trace=desc"), QStringLiteral("-o"), tracePath }
+                         + probe() + QStringList { source, copy });
     QVERIFY(strace.waitForFinished(300000));
     if (strace.exitCode() != 0 && readFile(tracePath).isEmpty())
         QSKIP(qPrintable(QStringLiteral("strace cannot trace here: ")
@@ -415,7 +420,10 @@ void tst_FileCopy::failingPartWay()
     QVERIFY(writeFile(source, contents));
     const qint64 sourceTime = modificationTime(source);
 
-    QCOMPARE(run(probe(), { source, copy, QStringLiteral("100000") }), 1);
+    const QStringList command = probe();
+    QCOMPARE(run(command.first(),
+                 command.mid(1) + QStringList { source, copy, QStringLiteral("100000") }),
+             1);
     QCOMPARE(readFile(source), contents);
     QCOMPARE(modificationTime(source), sourceTime);
     QCOMPARE(QFileInfo(copy).size(), qint64(100000));
