@@ -1,0 +1,409 @@
+#include "TFileCopyTask.h"
+
+#include <Trellis/TFileSystemHelper.h>
+
+#include <QDir>
+#include <QFile>
+#include <QMetaType>
+#include <QMutex>
+#include <QMutexLocker>
+#include <QRegularExpression>
+
+#include <algorithm>
+#include <atomic>
+#include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// How deep a work item is collected when it is measured and when it is copied.
+constexpr int WorkItemDepth = 100;
+
+// The identity of a file, the same through every link or mount that leads to it.
+struct FileId
+{
+    dev_t device;
+    ino_t inode;
+
+    bool operator==(const FileId &other) const
+    {
+        return device == other.device && inode == other.inode;
+    }
+};
+
+// Looks up the file that path leads to, following links; false if there is none.
+bool LookUpFileId(const QString &path, FileId *id)
+{
+    struct stat status;
+    if (::stat(QFile::encodeName(path).constData(), &status) != 0)
+        return false;
+    *id = { status.st_dev, status.st_ino };
+    return true;
+}
+
+bool Contains(const std::vector<FileId> &ids, const FileId &id)
+{
+    return std::find(ids.cbegin(), ids.cend(), id) != ids.cend();
+}
+
+// The directories that a collection must not enter: those on its way down
+// from its root, and those above the root. Each of them contains the
+// directory being listed, so entering one again through a link would repeat
+// the descent without end.
+class Descent
+{
+public:
+    explicit Descent(const QFileInfo &root) : root(root) { }
+
+    bool AtRoot() const { return path.empty(); }
+    void Enter(const FileId &id) { path.push_back(id); }
+    void Leave() { path.pop_back(); }
+
+    bool Encloses(const FileId &id)
+    {
+        // Looked up when first needed: most collections are of single files
+        // or of directories without subdirectories.
+        if (!aboveKnown) {
+            aboveKnown = true;
+            QString directory = root.canonicalFilePath();
+            while (!directory.isEmpty() && directory != QLatin1String("/")) {
+                directory = QFileInfo(directory).path();
+                FileId aboveId;
+                if (LookUpFileId(directory, &aboveId))
+                    above.push_back(aboveId);
+            }
+        }
+        return Contains(path, id) || Contains(above, id);
+    }
+
+private:
+    const QFileInfo root;
+    bool aboveKnown = false;
+    std::vector<FileId> above;
+    std::vector<FileId> path;
+};
+
+void CollectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth, Descent &descent)
+{
+    if (!info.exists())
+        return;
+    if (!info.isDir()) {
+        out.append(info);
+        return;
+    }
+    FileId id;
+    if (!LookUpFileId(info.absoluteFilePath(), &id) || (!descent.AtRoot() && descent.Encloses(id)))
+        return;
+    if (depth == 0) {
+        out.append(info);
+        return;
+    }
+
+    const QFileInfoList children
+            = QDir(info.absoluteFilePath())
+                      .entryInfoList(QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot,
+                                     QDir::Name | QDir::IgnoreCase);
+    // A negative depth never reaches 0; it is kept as it is rather than
+    // counted down towards an overflow.
+    const int childDepth = depth > 0 ? depth - 1 : depth;
+    const int collectedBefore = out.size();
+    descent.Enter(id);
+    for (const QFileInfo &child : children)
+        CollectInto(child, out, childDepth, descent);
+    descent.Leave();
+    // A directory that gave no entry (empty, hidden entries only, or only
+    // links back up) is an entry of its own, so that it is recreated.
+    if (out.size() == collectedBefore)
+        out.append(info);
+}
+
+// Appends to out the entries of info, depth first in listing order, splitting
+// directories down to depth levels below info (all the way when negative).
+void CollectEntries(const QFileInfo &info, QList<QFileInfo> &out, int depth)
+{
+    // A fresh object: a cached status may be older than the batch.
+    const QFileInfo root(info.filePath());
+    Descent descent(root);
+    CollectInto(root, out, depth, descent);
+}
+
+// The destination prefix for an entry: a place marker stands for the entry's
+// complete base name. QString::arg() warns about a text without one, and the
+// library writes no log, so such a prefix is used as it stands.
+QString PrefixFor(const QString &prefix, const QString &completeBaseName)
+{
+    static const QRegularExpression placeMarker(QStringLiteral("%L?\\d"));
+    return prefix.contains(placeMarker) ? prefix.arg(completeBaseName) : prefix;
+}
+
+// sourcePath with the match of pattern replaced by prefix, taken literally; a
+// null string when the pattern does not match.
+QString DestinationPath(const QString &sourcePath, const QRegExp &pattern, const QString &prefix)
+{
+    const int at = pattern.indexIn(sourcePath);
+    if (at < 0)
+        return QString();
+    return QString(sourcePath).replace(at, pattern.matchedLength(), prefix);
+}
+
+// A QFileInfo of the same path that shares no cached state with info, for
+// signals whose receivers may use it in another thread.
+QFileInfo Detached(const QFileInfo &info)
+{
+    return QFileInfo(info.filePath());
+}
+
+} // namespace
+
+class TFileCopyTaskPrivate
+{
+public:
+    explicit TFileCopyTaskPrivate(TFileCopyTask::EFileExistsAction action)
+        : fileExistsAction(action)
+    { }
+
+    QString EffectivePrefix() const { return altDestPrefix.isEmpty() ? destPrefix : altDestPrefix; }
+
+    void ExpandBatch()
+    {
+        bytesTotal = 0;
+        pending.clear();
+        for (const QFileInfo &source : qAsConst(sources)) {
+            QList<QFileInfo> items;
+            CollectEntries(source, items, depth);
+            for (const QFileInfo &item : qAsConst(items)) {
+                if (srcPattern.indexIn(item.absoluteFilePath()) < 0)
+                    continue;
+                pending.append(item);
+                QList<QFileInfo> entries;
+                CollectEntries(item, entries, WorkItemDepth);
+                for (const QFileInfo &entry : qAsConst(entries))
+                    bytesTotal += entry.size();
+            }
+        }
+        bytesDone = 0;
+        state = TFileCopyTask::StateCopying;
+    }
+
+    // A vanished item has no conflict; a file item also conflicts with the
+    // name the copier will write, its extension lower-cased.
+    bool DestinationExists(const QFileInfo &item, const QString &prefix) const
+    {
+        if (!item.exists())
+            return false;
+        const QString destination = DestinationPath(item.absoluteFilePath(), srcPattern,
+                                                    PrefixFor(prefix, item.completeBaseName()));
+        if (destination.isNull())
+            return false;
+        return QFileInfo::exists(destination)
+                || (item.isFile()
+                    && QFileInfo::exists(
+                            TFileSystemHelper::FileCopyLowerCaseDestFilename(destination)));
+    }
+
+    int RunningPercent() const
+    {
+        // 100 belongs to the end of a completed batch. More bytes than were
+        // measured (files that grew) or nothing measured reads 99 as well.
+        if (bytesDone >= bytesTotal)
+            return 99;
+        return std::min(99, qRound(double(bytesDone) / double(bytesTotal) * 100.0));
+    }
+
+    QMutex mutex;
+    int filesCopied = 0;
+    int filesSkipped = 0;
+    int state = TFileCopyTask::StateFinished;
+    qint64 bytesTotal = 0;
+    qint64 bytesDone = 0;
+    TFileCopyTask::EFileExistsAction fileExistsAction;
+    QList<QFileInfo> sources;
+    QList<QFileInfo> pending;
+    int depth = 0;
+    QString destPrefix;
+    QString altDestPrefix;
+    QRegExp srcPattern;
+    std::atomic<bool> stopRequested { false };
+};
+
+TFileCopyTask::TFileCopyTask(EFileExistsAction action)
+    : QObject(nullptr), d(std::make_unique<TFileCopyTaskPrivate>(action))
+{
+    qRegisterMetaType<QFileInfo>("QFileInfo");
+}
+
+TFileCopyTask::~TFileCopyTask() = default;
+
+void TFileCopyTask::CopyFiles(const QList<QFileInfo> &sources, const QString &srcPrefix,
+                              const QString &destPrefix, int depth)
+{
+    QMutexLocker locker(&d->mutex);
+    // Objects of the task's own: the caller's keep caches that the caller's
+    // thread may fill while the pass reads these in the task's thread.
+    d->sources.clear();
+    d->sources.reserve(sources.size());
+    for (const QFileInfo &source : sources)
+        d->sources.append(Detached(source));
+    d->srcPattern = QRegExp(QLatin1Char('^') + srcPrefix, Qt::CaseSensitive, QRegExp::RegExp);
+    d->destPrefix = destPrefix;
+    d->filesCopied = 0;
+    d->filesSkipped = 0;
+    d->state = StatePreparing;
+    d->bytesTotal = 0;
+    d->bytesDone = 0;
+    d->depth = depth;
+    // Queued while the mutex is held, so the pass cannot start before the
+    // batch is complete.
+    QMetaObject::invokeMethod(this, &TFileCopyTask::Run, Qt::QueuedConnection);
+    emit Progress(0, 0, 0);
+}
+
+void TFileCopyTask::Stop()
+{
+    d->stopRequested = true;
+}
+
+void TFileCopyTask::SetFileExistAction(EFileExistsAction action)
+{
+    QMutexLocker locker(&d->mutex);
+    d->fileExistsAction = action;
+}
+
+void TFileCopyTask::Continue(EFileExistsAction action)
+{
+    QMutexLocker locker(&d->mutex);
+    d->fileExistsAction = action;
+    // An answer that arrives before a new batch was expanded (one meant for
+    // the batch it replaced) must not skip the expansion.
+    if (d->state != StatePreparing)
+        d->state = StateCopying;
+    QMetaObject::invokeMethod(this, &TFileCopyTask::Run, Qt::QueuedConnection);
+}
+
+void TFileCopyTask::ContinueOverwrite()
+{
+    Continue(Overwrite);
+}
+
+void TFileCopyTask::ContinueOverwriteAll()
+{
+    Continue(OverwriteAll);
+}
+
+void TFileCopyTask::ContinueSkip()
+{
+    Continue(Skip);
+}
+
+void TFileCopyTask::ContinueSkipAll()
+{
+    Continue(SkipAll);
+}
+
+void TFileCopyTask::ContinueRename(EFileExistsAction action, const QString &altDestPrefix)
+{
+    {
+        QMutexLocker locker(&d->mutex);
+        d->altDestPrefix = altDestPrefix;
+    }
+    Continue(action);
+}
+
+void TFileCopyTask::Run()
+{
+    // Cleared before the lock: a stop requested before this pass began is
+    // not meant for it.
+    d->stopRequested = false;
+    QMutexLocker locker(&d->mutex);
+
+    if (d->state == StatePreparing)
+        d->ExpandBatch();
+    if (d->pending.isEmpty()) {
+        emit Progress(100, 0, 0);
+        d->state = StateFinished;
+    }
+
+    bool stopped = false;
+    while (d->state == StateCopying) {
+        const QString prefix = d->EffectivePrefix();
+        const QFileInfo item = Detached(d->pending.constLast());
+        bool skip = false;
+        if (d->DestinationExists(item, prefix)) {
+            switch (d->fileExistsAction) {
+            case Ask:
+                d->state = StateFileExists;
+                break;
+            case Skip:
+            case SkipAll:
+                skip = true;
+                break;
+            default: // Overwrite, OverwriteAll and any other value copy it
+                break;
+            }
+        }
+
+        if (d->state == StateCopying) {
+            QList<QFileInfo> entries;
+            CollectEntries(item, entries, WorkItemDepth);
+            for (const QFileInfo &entry : qAsConst(entries)) {
+                if (skip) {
+                    ++d->filesSkipped;
+                    d->bytesDone += entry.size();
+                } else if (CopyFile(entry, d->srcPattern,
+                                    PrefixFor(prefix, entry.completeBaseName()))) {
+                    ++d->filesCopied;
+                    emit FileCopied(Detached(entry));
+                } else {
+                    d->state = StateCopyFailed;
+                    break;
+                }
+                if (d->stopRequested)
+                    break;
+            }
+            d->pending.removeLast();
+            d->altDestPrefix.clear();
+            if (d->fileExistsAction == Overwrite || d->fileExistsAction == Skip)
+                d->fileExistsAction = Ask;
+        }
+
+        stopped = d->stopRequested;
+        if (d->pending.isEmpty() || stopped) {
+            d->state = StateFinished;
+            ::sync();
+        }
+    }
+
+    if (d->pending.isEmpty() && !stopped)
+        emit Progress(100, d->filesCopied, d->filesSkipped);
+    const int state = d->state;
+    const QFileInfo currentFile
+            = d->pending.isEmpty() ? QFileInfo() : Detached(d->pending.constLast());
+    locker.unlock();
+    emit State(state, currentFile);
+}
+
+bool TFileCopyTask::OnBytesWritten(qint64 bytes)
+{
+    d->bytesDone += bytes;
+    emit Progress(d->RunningPercent(), d->filesCopied, d->filesSkipped);
+    return !d->stopRequested;
+}
+
+bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const QString &destPrefix)
+{
+    const QString source = fileInfo.absoluteFilePath();
+    const QString destination = DestinationPath(source, pattern, destPrefix);
+    // Left unchanged, the path of an entry that the prefix does not match
+    // would name the source itself.
+    if (destination.isNull())
+        return false;
+    if (fileInfo.isDir()) {
+        QDir().mkpath(destination);
+        return true;
+    }
+    QDir().mkpath(QFileInfo(destination).absolutePath());
+    return TFileSystemHelper::FileCopyWithProgress(source, destination, this, "OnBytesWritten",
+                                                   true);
+}
