@@ -1,4 +1,5 @@
 #include "fstestsupport.h"
+#include "programcommand.h"
 
 #include <Trellis/TFileSystemHelper.h>
 
@@ -125,14 +126,10 @@ void tst_FileCopy::init()
     QVERIFY(m_dir->isValid());
 }
 
-// The command that starts the probe. The probe is built for the same machine
-// as this test, so in a cross build it runs through the same emulator.
 QStringList tst_FileCopy::probe() const
 {
-    QStringList command = QString::fromLocal8Bit(qgetenv("TRELLIS_TEST_EMULATOR"))
-                                  .split(QLatin1Char(';'), Qt::SkipEmptyParts);
-    command.append(QCoreApplication::applicationDirPath() + QStringLiteral("/filecopy_probe"));
-    return command;
+    return programCommand(QCoreApplication::applicationDirPath()
+                          + QStringLiteral("/filecopy_probe"));
 }
 
 void tst_FileCopy::copies_data()
