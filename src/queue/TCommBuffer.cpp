@@ -1,6 +1,7 @@
 #include "TCommBuffer.h"
 
 #include "TLightSemaphore.h"
+#include "TSpinLock.h"
 
 #include <algorithm>
 #include <atomic>
@@ -10,15 +11,26 @@
 namespace {
 // Fields touched by different threads live on separate cache lines, so that
 // the writer's and the reader's traffic do not invalidate each other.
-constexpr std::size_t CacheLine = 64;
+constexpr int CacheLine = 64;
+
+// The unit of storage: blocks that start at a multiple of the line size
+// (every power-of-two chunk of 64 bytes or more) then share no cache line
+// with their neighbours, so the writer filling one block does not steal the
+// line under the reader emptying the one before.
+struct alignas(CacheLine) StorageLine
+{
+    char bytes[CacheLine];
+};
 } // namespace
 
 class TCommBufferPrivate
 {
 public:
     explicit TCommBufferPrivate(int size)
-        : capacity(std::max(size, 0)), freeBytes(capacity),
-          storage(capacity > 0 ? new char[capacity] : nullptr)
+        : capacity(std::max(size, 0)),
+          lines(capacity > 0 ? new StorageLine[(std::size_t(capacity) + CacheLine - 1) / CacheLine]
+                             : nullptr),
+          storage(reinterpret_cast<char *>(lines.get())), freeBytes(capacity)
     { }
 
     // The position \a count bytes after \a start, wrapped around the storage;
@@ -29,19 +41,25 @@ public:
         return count >= untilEnd ? count - untilEnd : start + count;
     }
 
+    // Read by both sides, written by neither.
     const int capacity;
+    const std::unique_ptr<StorageLine[]> lines;
+    char *const storage;
+
     alignas(CacheLine) TLightSemaphore freeBytes;
     alignas(CacheLine) TLightSemaphore usedBytes;
 
     // Writer side. The lock guards only the reservation of a region, so that
-    // the copy, the longest part of a write, runs without it.
-    alignas(CacheLine) std::mutex writerLock;
+    // the copy, the longest part of a write, runs without it. The section is
+    // two instructions long and, used as meant, never contended, so the
+    // library's spin lock serves: it is taken inline and released with a
+    // plain store, where a mutex costs two library calls and two locked
+    // instructions.
+    alignas(CacheLine) TSpinLock writerLock;
     int writeIndex = 0;
 
     // Reader side: advanced without a lock by the one reading thread.
     alignas(CacheLine) std::atomic<int> readIndex { 0 };
-
-    alignas(CacheLine) const std::unique_ptr<char[]> storage;
 };
 
 TCommBuffer::TCommBuffer(int size) : d(std::make_unique<TCommBufferPrivate>(size)) { }
@@ -59,15 +77,15 @@ bool TCommBuffer::Write(const char *data, int count)
 
     int start;
     {
-        const std::lock_guard<std::mutex> locker(d->writerLock);
+        const std::lock_guard<TSpinLock> locker(d->writerLock);
         start = d->writeIndex;
         d->writeIndex = d->advance(start, count);
     }
 
     // At most two copies: up to the end of the storage, then from its start.
     const int head = std::min(count, d->capacity - start);
-    std::memcpy(d->storage.get() + start, data, head);
-    std::memcpy(d->storage.get(), data + head, count - head);
+    std::memcpy(d->storage + start, data, head);
+    std::memcpy(d->storage, data + head, count - head);
 
     d->usedBytes.release(count);
     return true;
@@ -87,8 +105,8 @@ int TCommBuffer::Read(char *data, int maxCount)
     d->readIndex.store(d->advance(start, count), std::memory_order_relaxed);
 
     const int head = std::min(count, d->capacity - start);
-    std::memcpy(data, d->storage.get() + start, head);
-    std::memcpy(data + head, d->storage.get(), count - head);
+    std::memcpy(data, d->storage + start, head);
+    std::memcpy(data + head, d->storage, count - head);
 
     d->freeBytes.release(count);
     return count;
