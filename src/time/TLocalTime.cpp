@@ -5,6 +5,10 @@
 #include <limits>
 #include <utime.h>
 
+// A 32-bit time_t would stamp dates after January 2038 as 1901-1969; 32-bit
+// builds must be compiled with -D_TIME_BITS=64 (the build does so).
+static_assert(sizeof(std::time_t) == 8, "Trellis needs a 64-bit time_t");
+
 namespace {
 // Relaxed ordering is enough: the offset guards no other data, and a reader
 // only needs to see one whole value, old or new.

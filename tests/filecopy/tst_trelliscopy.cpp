@@ -2,6 +2,7 @@
 // where it asks, with plain pipes where it must not.
 
 #include "CopyTaskRecorder.h"
+#include "programcommand.h"
 
 #include <QDeadlineTimer>
 #include <QtTest>
@@ -17,7 +18,7 @@
 
 namespace {
 
-const QString Program = QStringLiteral(TRELLIS_COPY_PROGRAM);
+const QStringList Command = programCommand(QStringLiteral(TRELLIS_COPY_PROGRAM));
 
 // Generous: the program ends each batch with sync(), and sanitizer builds on
 // a loaded machine are slow. Only a failing test waits this long.
@@ -30,8 +31,8 @@ class TerminalRun
 public:
     explicit TerminalRun(const QStringList &arguments)
     {
-        std::vector<QByteArray> words { QFile::encodeName(Program) };
-        for (const QString &argument : arguments)
+        std::vector<QByteArray> words;
+        for (const QString &argument : Command + arguments)
             words.push_back(QFile::encodeName(argument));
         std::vector<char *> argv;
         for (QByteArray &word : words)
@@ -128,7 +129,7 @@ struct PlainRun
         QProcess process;
         process.setProcessEnvironment(environment);
         process.setStandardInputFile(QProcess::nullDevice());
-        process.start(Program, arguments);
+        process.start(Command.first(), Command.mid(1) + arguments);
         if (process.waitForFinished(Timeout) && process.exitStatus() == QProcess::NormalExit)
             exitCode = process.exitCode();
         else

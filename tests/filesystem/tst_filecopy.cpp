@@ -1,4 +1,5 @@
 #include "fstestsupport.h"
+#include "programcommand.h"
 
 #include <Trellis/TFileSystemHelper.h>
 
@@ -108,7 +109,7 @@ private slots:
 
 private:
     QString path(const QString &name) const { return m_dir->filePath(name); }
-    QString probe() const;
+    QStringList probe() const;
 
     std::unique_ptr<QTemporaryDir> m_dir;
 };
@@ -125,9 +126,10 @@ void tst_FileCopy::init()
     QVERIFY(m_dir->isValid());
 }
 
-QString tst_FileCopy::probe() const
+QStringList tst_FileCopy::probe() const
 {
-    return QCoreApplication::applicationDirPath() + QStringLiteral("/filecopy_probe");
+    return programCommand(QCoreApplication::applicationDirPath()
+                          + QStringLiteral("/filecopy_probe"));
 }
 
 void tst_FileCopy::copies_data()
@@ -385,9 +387,9 @@ void tst_FileCopy::systemCalls()
                                + QStringLiteral(":detect_leaks=0"));
     strace.setProcessEnvironment(environment);
     strace.start(QStringLiteral("strace"),
-                 { QStringLiteral("-f"), QStringLiteral("-qq"), QStringLiteral("-e"),
-                   QStringLiteral("trace=desc"), QStringLiteral("-o"), tracePath, probe(), source,
-                   copy });
+                 QStringList { QStringLiteral("-f"), QStringLiteral("-qq"), QStringLiteral("-e"),
+                               QStringLiteral("trace=desc"), QStringLiteral("-o"), tracePath }
+                         + probe() + QStringList { source, copy });
     QVERIFY(strace.waitForFinished(300000));
     if (strace.exitCode() != 0 && readFile(tracePath).isEmpty())
         QSKIP(qPrintable(QStringLiteral("strace cannot trace here: ")
@@ -415,7 +417,10 @@ void tst_FileCopy::failingPartWay()
     QVERIFY(writeFile(source, contents));
     const qint64 sourceTime = modificationTime(source);
 
-    QCOMPARE(run(probe(), { source, copy, QStringLiteral("100000") }), 1);
+    const QStringList command = probe();
+    QCOMPARE(run(command.first(),
+                 command.mid(1) + QStringList { source, copy, QStringLiteral("100000") }),
+             1);
     QCOMPARE(readFile(source), contents);
     QCOMPARE(modificationTime(source), sourceTime);
     QCOMPARE(QFileInfo(copy).size(), qint64(100000));

@@ -6,9 +6,15 @@
 # that package's library and Qt and nothing of the other; so must the
 # installed trellis-copy program (trellis-copy6 for Qt 6) of a build that has
 # the examples.
+# A cross build gives its toolchain file as TRELLIS_TEST_TOOLCHAIN and its
+# emulator command as TRELLIS_TEST_EMULATOR (words separated by ';'): the
+# consumer is then built with the same toolchain and started through the
+# emulator.
 set -euo pipefail
 source=$1 work=$2 cxx=$3 flags=$4
 shift 4
+toolchain=${TRELLIS_TEST_TOOLCHAIN:-}
+IFS=';' read -ra emulator <<<"${TRELLIS_TEST_EMULATOR:-}"
 rm -rf "$work"
 prefix=$work/prefix
 
@@ -16,8 +22,12 @@ for pair in "$@"; do
     cmake --install "${pair#*=}" --prefix "$prefix" >/dev/null
 done
 
-# The Trellis and Qt libraries a program loads, one a line.
-loaded() { ldd "$1" | sed -n 's/^\s*\(lib\(Trellis\|Qt\)[^ ]*\).*/\1/p' | LC_ALL=C sort | tr '\n' ' '; }
+# The Trellis and Qt libraries a program loads, as the dynamic loader lists
+# them (what ldd shows, through the emulator too), on one line.
+loaded() {
+    LD_TRACE_LOADED_OBJECTS=1 "${emulator[@]}" "$1" \
+        | sed -n 's/^\s*\(lib\(Trellis\|Qt\)[^ ]*\).*/\1/p' | LC_ALL=C sort | tr '\n' ' '
+}
 
 for pair in "$@"; do
     package=${pair%%=*}
@@ -34,13 +44,31 @@ for pair in "$@"; do
     test "$(readelf -d "$libdir/$library" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')" = "$library"
 
     echo "== find_package($package)"
-    cmake -S "$source" -B "$work/$package-cmake" -DCMAKE_PREFIX_PATH="$prefix" \
-        -DTRELLIS_PACKAGE="$package" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >/dev/null
+    if [ -n "$toolchain" ]; then
+        # The toolchain confines package searches to its sysroot, so the
+        # package is named by its directory.
+        cmake -S "$source" -B "$work/$package-cmake" -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
+            -DTRELLIS_PACKAGE="$package" -D"${package}_DIR=$libdir/cmake/$package" \
+            -DCMAKE_CXX_FLAGS="$flags" >/dev/null
+    else
+        cmake -S "$source" -B "$work/$package-cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+            -DTRELLIS_PACKAGE="$package" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >/dev/null
+    fi
     cmake --build "$work/$package-cmake" >/dev/null
-    "$work/$package-cmake/consumer"
+    "${emulator[@]}" "$work/$package-cmake/consumer"
     test "$(loaded "$work/$package-cmake/consumer")" = "$expected"
 
+    if grep -q '^TRELLIS_BUILD_EXAMPLES:BOOL=ON$' "${pair#*=}/CMakeCache.txt"; then
+        echo "== $(basename "$program")"
+        "${emulator[@]}" "$program" --version
+        test "$(loaded "$program")" = "$expected"
+    fi
+
     pc=${package,,}
+    if [ -n "$toolchain" ]; then
+        echo "== pkg-config $pc: not checked in a cross build (pkg-config would give the host's Qt)"
+        continue
+    fi
     echo "== pkg-config $pc"
     pcflags=$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs "$pc")
     # shellcheck disable=SC2086
@@ -48,10 +76,4 @@ for pair in "$@"; do
         -Wl,-rpath,"$libdir"
     "$work/$pc-consumer"
     test "$(loaded "$work/$pc-consumer")" = "$expected"
-
-    if grep -q '^TRELLIS_BUILD_EXAMPLES:BOOL=ON$' "${pair#*=}/CMakeCache.txt"; then
-        echo "== $(basename "$program")"
-        "$program" --version
-        test "$(loaded "$program")" = "$expected"
-    fi
 done

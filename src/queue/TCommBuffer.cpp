@@ -1,0 +1,123 @@
+#include "TCommBuffer.h"
+
+#include "TLightSemaphore.h"
+#include "TSpinLock.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <mutex>
+
+namespace {
+// Fields touched by different threads live on separate cache lines, so that
+// the writer's and the reader's traffic do not invalidate each other.
+constexpr int CacheLine = 64;
+
+// The unit of storage: blocks that start at a multiple of the line size
+// (every power-of-two chunk of 64 bytes or more) then share no cache line
+// with their neighbours, so the writer filling one block does not steal the
+// line under the reader emptying the one before.
+struct alignas(CacheLine) StorageLine
+{
+    char bytes[CacheLine];
+};
+} // namespace
+
+class TCommBufferPrivate
+{
+public:
+    explicit TCommBufferPrivate(int size)
+        : capacity(std::max(size, 0)),
+          lines(capacity > 0 ? new StorageLine[(std::size_t(capacity) + CacheLine - 1) / CacheLine]
+                             : nullptr),
+          storage(reinterpret_cast<char *>(lines.get())), freeBytes(capacity)
+    { }
+
+    // The position \a count bytes after \a start, wrapped around the storage;
+    // written so that it cannot overflow even for the largest capacity.
+    int advance(int start, int count) const
+    {
+        const int untilEnd = capacity - start;
+        return count >= untilEnd ? count - untilEnd : start + count;
+    }
+
+    // Read by both sides, written by neither.
+    const int capacity;
+    const std::unique_ptr<StorageLine[]> lines;
+    char *const storage;
+
+    alignas(CacheLine) TLightSemaphore freeBytes;
+    alignas(CacheLine) TLightSemaphore usedBytes;
+
+    // Writer side. The lock guards only the reservation of a region, so that
+    // the copy, the longest part of a write, runs without it. The section is
+    // two instructions long and, used as meant, never contended, so the
+    // library's spin lock serves: it is taken inline and released with a
+    // plain store, where a mutex costs two library calls and two locked
+    // instructions.
+    alignas(CacheLine) TSpinLock writerLock;
+    int writeIndex = 0;
+
+    // Reader side: advanced without a lock by the one reading thread.
+    alignas(CacheLine) std::atomic<int> readIndex { 0 };
+};
+
+TCommBuffer::TCommBuffer(int size) : d(std::make_unique<TCommBufferPrivate>(size)) { }
+
+TCommBuffer::~TCommBuffer() = default;
+
+bool TCommBuffer::Write(const char *data, int count)
+{
+    if (count < 0 || (count > 0 && !data))
+        return false;
+    if (count == 0)
+        return true;
+    if (!d->freeBytes.tryAcquire(count))
+        return false;
+
+    int start;
+    {
+        const std::lock_guard<TSpinLock> locker(d->writerLock);
+        start = d->writeIndex;
+        d->writeIndex = d->advance(start, count);
+    }
+
+    // At most two copies: up to the end of the storage, then from its start.
+    const int head = std::min(count, d->capacity - start);
+    std::memcpy(d->storage + start, data, head);
+    std::memcpy(d->storage, data + head, count - head);
+
+    d->usedBytes.release(count);
+    return true;
+}
+
+int TCommBuffer::Read(char *data, int maxCount)
+{
+    if (maxCount < 0 || (maxCount > 0 && !data))
+        return -1;
+    const int count = std::min(d->usedBytes.available(), maxCount);
+    if (count == 0)
+        return 0;
+    if (!d->usedBytes.tryAcquire(count))
+        return -1;
+
+    const int start = d->readIndex.load(std::memory_order_relaxed);
+    d->readIndex.store(d->advance(start, count), std::memory_order_relaxed);
+
+    const int head = std::min(count, d->capacity - start);
+    std::memcpy(data, d->storage + start, head);
+    std::memcpy(data + head, d->storage, count - head);
+
+    d->freeBytes.release(count);
+    return count;
+}
+
+int TCommBuffer::GetUsed() const
+{
+    return d->usedBytes.available();
+}
+
+int TCommBuffer::GetFree() const
+{
+    return d->freeBytes.available();
+}
