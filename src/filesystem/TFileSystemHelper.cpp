@@ -145,6 +145,25 @@ bool removeOccupant(const QByteArray &path, Occupant occupant)
     return occupant == Occupant::Nothing || unlinkName(path);
 }
 
+// Removes what is at path for DeleteDirGeneric(), a link as a link. A
+// regular file that stays gets the permissions QFile::WriteUser alone,
+// unless it has other names whose permissions those are too. The
+// permissions of a file that is gone cannot be seen, so they are changed
+// only when the removal failed: removing a file costs one system call. True
+// when nothing is left at path.
+bool removeEntry(const QString &path)
+{
+    const QByteArray name = QFile::encodeName(path);
+    if (unlinkName(name))
+        return true;
+    struct stat status;
+    if (::lstat(name.constData(), &status) != 0)
+        return true; // gone meanwhile
+    if (S_ISREG(status.st_mode) && status.st_nlink == 1)
+        ::chmod(name.constData(), S_IWUSR);
+    return false;
+}
+
 // The permissions QFile::setPermissions(source.permissions() |
 // QFile::WriteOther) gives a copy. QFile reports besides the owner's bits
 // what the calling user may do with the file, and grants that to the owner
@@ -226,11 +245,15 @@ public:
         if (landing.within(m_sourceRoot) || landing.within(source) || m_descent.contains(source))
             return false;
 
-        const QDir sourceTree(sourceDir);
-        const QFileInfoList files
-                = sourceTree.entryInfoList(QDir::Files | QDir::NoDotAndDotDot, QDir::NoSort);
-        const QFileInfoList dirs
-                = sourceTree.entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::NoSort);
+        // One listing, in name order ignoring case, split into the
+        // subdirectories and the files; each part keeps that order. The
+        // listing knows each entry's type, so the split asks the disk nothing.
+        QFileInfoList dirs;
+        QFileInfoList files;
+        const QFileInfoList entries = QDir(sourceDir).entryInfoList(
+                QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot, QDir::NoSort);
+        for (const QFileInfo &entry : entries)
+            (entry.isDir() ? dirs : files).append(entry);
 
         const QDir destTree(destDir);
         bool result = destTree.exists() || QDir().mkpath(destDir);
@@ -547,20 +570,19 @@ bool TFileSystemHelper::DeleteDirGeneric(const QString &dirPath, bool ignoreErro
         if (name == QLatin1String(".") || name == QLatin1String(".."))
             continue;
         const QString path = entries.filePath();
-        struct stat status;
-        if (!statPath(path, &status, false))
-            continue; // gone meanwhile
+        // The listing knows each entry's type, links included, without
+        // asking the disk. A directory is looked at once more just before it
+        // is entered, so that a link put in its place is not followed.
+        const QFileInfo entry = entries.fileInfo();
         bool deleted;
-        if (S_ISLNK(status.st_mode)) {
-            deleted = QFile::remove(path); // the link, never its target
-        } else if (S_ISDIR(status.st_mode)) {
-            deleted = DeleteDirGeneric(path, ignoreErrors, true);
+        if (entry.isDir() && !entry.isSymLink()) {
+            struct stat status;
+            if (!statPath(path, &status, false))
+                continue; // gone meanwhile
+            deleted = S_ISDIR(status.st_mode) ? DeleteDirGeneric(path, ignoreErrors, true)
+                                              : removeEntry(path);
         } else {
-            // Owner write alone; a file with other names keeps its
-            // permissions, which are theirs too.
-            if (status.st_nlink == 1)
-                QFile::setPermissions(path, QFile::WriteUser);
-            deleted = QFile::remove(path);
+            deleted = removeEntry(path);
         }
         if (!deleted && !ignoreErrors)
             return false;
