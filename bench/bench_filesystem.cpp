@@ -8,11 +8,15 @@
 //   deletedir DeleteDirGeneric of that tree; rm -rf
 //   md5       TFileHash::CalculateFileMD5 of the 1 GiB file; md5sum
 //
-// bench_filesystem [CASE...] runs the named cases, all of them by default.
-// The files live in a temporary directory under TRELLIS_BENCH_DIR, or beside
-// this program when that is not set, and are removed at the end. Every trial
-// starts after the previous one's output was removed and the file systems
-// were synced, so no trial pays for another's write-back.
+// bench_filesystem [CASE...] runs the named cases, all of them by default,
+// with 4, 2, 4 and 5 rounds after a warm-up round (TRELLIS_BENCH_ROUNDS sets
+// them all): about 10 minutes on a quiet machine, longer when other work
+// competes for the disk. The files (about 2.5 GiB) live in a temporary
+// directory under TRELLIS_BENCH_DIR, or beside this program when that is not
+// set, and are removed at the end. Every trial starts after the previous
+// one's output was removed and the file systems were synced, so no trial pays
+// for another's write-back; each delete trial removes a fresh copy of the
+// tree.
 
 #include "RoundDriver.h"
 
@@ -337,13 +341,13 @@ int main(int argc, char **argv)
     Bench bench(scratch.path());
     for (const QString &name : cases) {
         if (name == QLatin1String("filecopy"))
-            bench.fileCopy(5);
+            bench.fileCopy(4);
         else if (name == QLatin1String("copydir"))
-            bench.copyDir(3);
+            bench.copyDir(2);
         else if (name == QLatin1String("deletedir"))
-            bench.deleteDir(5);
+            bench.deleteDir(4);
         else
-            bench.md5(7);
+            bench.md5(5);
     }
     printLoad("at end");
     return 0;
