@@ -27,13 +27,16 @@ class TQueuePrivate;
     with \c QueueErrNoQueue once its arguments have been checked.
 
     Identifiers are handed out 1, 2, 3, ... in the order in which queues are
-    constructed, inert ones included, and are never reused; 0 is
-    \c InvalidQueueId. Names are compared case-sensitively; the empty name is
-    \c InvalidQueueName and is never registered.
+    constructed, inert ones included, and are not reused before the 32-bit
+    counter wraps (see GetNextId()); 0 is \c InvalidQueueId. Names are
+    compared case-sensitively; the empty name is \c InvalidQueueName and is
+    never registered.
 
     Errors are \c{unsigned int} codes, returned or written through a nullable
     pointer with SetErrorCode(). They are the \c QueueErr constants below and
-    are never combined.
+    are never combined. The codes and the two timeouts are \c constexpr
+    members of type \c{unsigned int}, the type that the calls take and
+    return, so they compare with results without conversions.
 
     Locks: the registry has one non-recursive lock, each queue one of its
     own; the two are never held together. Waits happen outside both. The
