@@ -18,6 +18,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+// With a 32-bit off_t, files past 2 GiB could be neither copied nor removed
+// correctly; 32-bit builds must be compiled with -D_FILE_OFFSET_BITS=64 (the
+// build does so).
+static_assert(sizeof(off_t) == 8, "Trellis needs a 64-bit off_t");
+
 namespace {
 
 constexpr qint64 CopyChunkSize = 4096;
