@@ -4,6 +4,7 @@
 // Every public class and function of the Trellis library.
 
 #include <Trellis/AlignedFree.h>
+#include <Trellis/TCommBuffer.h>
 #include <Trellis/TFileCopyTask.h>
 #include <Trellis/TFileHash.h>
 #include <Trellis/TFileSystemHelper.h>
