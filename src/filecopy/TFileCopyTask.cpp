@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <utility>
 #include <vector>
 
 #include <sys/stat.h>
@@ -170,16 +171,16 @@ public:
     {
         bytesTotal = 0;
         pending.clear();
-        for (const QFileInfo &source : qAsConst(sources)) {
+        for (const QFileInfo &source : std::as_const(sources)) {
             QList<QFileInfo> items;
             CollectEntries(source, items, depth);
-            for (const QFileInfo &item : qAsConst(items)) {
+            for (const QFileInfo &item : std::as_const(items)) {
                 if (srcPattern.indexIn(item.absoluteFilePath()) < 0)
                     continue;
                 pending.append(item);
                 QList<QFileInfo> entries;
                 CollectEntries(item, entries, WorkItemDepth);
-                for (const QFileInfo &entry : qAsConst(entries))
+                for (const QFileInfo &entry : std::as_const(entries))
                     bytesTotal += entry.size();
             }
         }
@@ -347,7 +348,7 @@ void TFileCopyTask::Run()
         if (d->state == StateCopying) {
             QList<QFileInfo> entries;
             CollectEntries(item, entries, WorkItemDepth);
-            for (const QFileInfo &entry : qAsConst(entries)) {
+            for (const QFileInfo &entry : std::as_const(entries)) {
                 if (skip) {
                     ++d->filesSkipped;
                     d->bytesDone += entry.size();

@@ -15,7 +15,7 @@ QByteArray TFileHash::CalculateFileMD5(QString fileName)
         char buffer[2048];
         qint64 count;
         while ((count = file.read(buffer, sizeof buffer)) > 0)
-            hash.addData(buffer, int(count));
+            hash.addData(QByteArray::fromRawData(buffer, int(count)));
     }
     return hash.result();
 }

@@ -68,7 +68,7 @@ public:
     {
         return messageSize >= 1 && messageCount >= 1 && name != TQueue::InvalidQueueName;
     }
-    bool isInert() const { return !slots; }
+    bool isInert() const { return !slotBlock; }
 
     unsigned int takeUnit(TLightSemaphore &units, unsigned int timeout);
     void putMessage(const void *message, int length);
@@ -81,7 +81,7 @@ public:
     alignas(64) TSpinLock lock;
     int readIndex = 0; // guarded by lock
     int writeIndex = 0; // guarded by lock
-    std::unique_ptr<char[]> slots; // null for an inert queue
+    std::unique_ptr<char[]> slotBlock; // null for an inert queue
 
     const int messageCount;
     const int messageSize;
@@ -110,7 +110,7 @@ void TQueuePrivate::putMessage(const void *message, int length)
 {
     const Length storedLength = length;
     std::lock_guard<TSpinLock> locker(lock);
-    char *slot = slots.get() + std::size_t(writeIndex) * slotStride;
+    char *slot = slotBlock.get() + std::size_t(writeIndex) * slotStride;
     std::memcpy(slot, &storedLength, sizeof storedLength);
     if (length > 0)
         std::memcpy(slot + sizeof storedLength, message, std::size_t(length));
@@ -124,7 +124,7 @@ int TQueuePrivate::takeMessage(void *buffer, int bufferSize)
 {
     Length length;
     std::lock_guard<TSpinLock> locker(lock);
-    const char *slot = slots.get() + std::size_t(readIndex) * slotStride;
+    const char *slot = slotBlock.get() + std::size_t(readIndex) * slotStride;
     std::memcpy(&length, slot, sizeof length);
     const bool fits = length <= bufferSize;
     if (fits && length > 0)
@@ -147,7 +147,7 @@ TQueue::~TQueue()
 {
     {
         std::lock_guard<TSpinLock> locker(d->lock);
-        d->slots.reset();
+        d->slotBlock.reset();
     }
     DestroyQueue();
 }
@@ -157,7 +157,7 @@ void TQueue::AllocateBuffers()
     // One block for all slots, neither cleared now nor after use.
     if (std::size_t(d->messageCount) > std::numeric_limits<std::size_t>::max() / d->slotStride)
         throw std::bad_alloc();
-    d->slots.reset(new char[std::size_t(d->messageCount) * d->slotStride]);
+    d->slotBlock.reset(new char[std::size_t(d->messageCount) * d->slotStride]);
 }
 
 unsigned int TQueue::SendMsg(const void *message, int length, unsigned int timeout)

@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStringList>
 #include <QTemporaryDir>
 
@@ -71,7 +72,7 @@ public:
     // The events that start with prefix, such as "Progress" or "State".
     QStringList Only(const QString &prefix) const
     {
-        return events.filter(QRegExp(QLatin1Char('^') + prefix));
+        return events.filter(QRegularExpression(QLatin1Char('^') + prefix));
     }
 
     const QString root;

@@ -1,5 +1,7 @@
 #include "CopyTaskRecorder.h"
 
+#include "QtCompat.h"
+
 #include <QDirIterator>
 #include <QMetaMethod>
 #include <QSignalSpy>
@@ -112,8 +114,7 @@ void tst_TFileCopyTask::metaObject()
         QCOMPARE(meta.indexOfMethod(signatures[i]), meta.methodOffset() + i);
         // The meta-object spells qint64 by its meta-type name, qlonglong.
         QCOMPARE(method.methodSignature(),
-                 QByteArray(signatures[i])
-                         .replace("qint64", QMetaType::typeName(qMetaTypeId<qint64>())));
+                 QByteArray(signatures[i]).replace("qint64", QMetaType::fromType<qint64>().name()));
         QCOMPARE(method.methodType(), i < 3 ? QMetaMethod::Signal : QMetaMethod::Slot);
         QCOMPARE(method.access(), i >= 11 ? QMetaMethod::Private : QMetaMethod::Public);
     }
@@ -139,7 +140,7 @@ void tst_TFileCopyTask::metaObject()
     }
 
     TFileCopyTask task;
-    QVERIFY(QMetaType::type("QFileInfo") != QMetaType::UnknownType);
+    QVERIFY(QtCompat::MetaTypeIdByName("QFileInfo") != QMetaType::UnknownType);
 }
 
 void tst_TFileCopyTask::emptyBatch_data()

@@ -5,6 +5,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <utility>
+
 #include <unistd.h>
 
 using namespace FsTest;
@@ -79,7 +81,7 @@ void tst_DirectoryTrees::copyMatchesSource()
     }
     QStringList entries = copy.keys();
     entries.append(QString()); // the destination itself
-    for (const QString &entry : qAsConst(entries)) {
+    for (const QString &entry : std::as_const(entries)) {
         const QString entryPath = QDir(dest).filePath(entry);
         QVERIFY2(!QFileInfo(entryPath).isSymLink(), qPrintable(entry));
         const qint64 time = modificationTime(entryPath);
