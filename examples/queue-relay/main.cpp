@@ -29,10 +29,8 @@ class Sender : public TThreadedObject
     Q_OBJECT
 public:
     explicit Sender(unsigned int queueId)
-        : TThreadedObject(QStringLiteral("relay-sender"))
-        , m_queueId(queueId)
-    {
-    }
+        : TThreadedObject(QStringLiteral("relay-sender")), m_queueId(queueId)
+    { }
 
 public Q_SLOTS:
     void Send(int count)
@@ -40,16 +38,18 @@ public Q_SLOTS:
         Message message;
         for (int number = 1; number <= count; ++number) {
             message.number = number;
-            const int length = std::snprintf(message.text, sizeof message.text, "message %d", number);
+            const int length
+                    = std::snprintf(message.text, sizeof message.text, "message %d", number);
             const int size = int(sizeof message.number) + length + 1;
-            if (TQueue::SendMsg(m_queueId, &message, size, TQueue::QueueWaitForever) != TQueue::QueueErrNone)
+            if (TQueue::SendMsg(m_queueId, &message, size, TQueue::QueueWaitForever)
+                != TQueue::QueueErrNone)
                 return;
         }
     }
 
 protected:
-    void Initialize() override {}
-    void Finalize() override {}
+    void Initialize() override { }
+    void Finalize() override { }
 
 private:
     const unsigned int m_queueId;
@@ -59,10 +59,7 @@ class Receiver : public TThreadedObject
 {
     Q_OBJECT
 public:
-    Receiver()
-        : TThreadedObject(QStringLiteral("relay-receiver"))
-    {
-    }
+    Receiver() : TThreadedObject(QStringLiteral("relay-receiver")) { }
 
 public Q_SLOTS:
     void Receive(int count)
@@ -97,8 +94,8 @@ Q_SIGNALS:
     void Finished(int received, int inOrder, qint64 nanoseconds);
 
 protected:
-    void Initialize() override {}
-    void Finalize() override {}
+    void Initialize() override { }
+    void Finalize() override { }
 };
 
 } // namespace
@@ -126,20 +123,21 @@ int main(int argc, char *argv[])
                          out << received << " of " << MessagesToSend << " messages arrived, "
                              << inOrder << " in order" << Qt::endl;
                          if (seconds > 0)
-                             out << "throughput: " << qRound(received / seconds)
-                                 << " messages/s" << Qt::endl;
+                             out << "throughput: " << qRound(received / seconds) << " messages/s"
+                                 << Qt::endl;
                          exitCode = (received == MessagesToSend && inOrder == received) ? 0 : 1;
                          app.quit();
                      });
 
     receiver.start();
     sender.start();
-    QMetaObject::invokeMethod(&receiver, "Receive", Qt::QueuedConnection, Q_ARG(int, MessagesToSend));
+    QMetaObject::invokeMethod(&receiver, "Receive", Qt::QueuedConnection,
+                              Q_ARG(int, MessagesToSend));
     QMetaObject::invokeMethod(&sender, "Send", Qt::QueuedConnection, Q_ARG(int, MessagesToSend));
     app.exec();
 
-    for (TThreadedObject *worker : {static_cast<TThreadedObject *>(&sender),
-                                    static_cast<TThreadedObject *>(&receiver)}) {
+    for (TThreadedObject *worker :
+         { static_cast<TThreadedObject *>(&sender), static_cast<TThreadedObject *>(&receiver) }) {
         worker->Stop();
         worker->wait();
     }

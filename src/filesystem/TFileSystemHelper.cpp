@@ -35,13 +35,6 @@ constexpr qint64 WritebackInterval = 4 * 1024 * 1024;
 constexpr qint64 ProgressInterval = 100; // milliseconds
 constexpr int TarTimeout = 30000; // milliseconds
 
-bool statPath(const QString &path, struct stat *status, bool followLinks)
-{
-    const QByteArray name = QFile::encodeName(path);
-    return (followLinks ? ::stat(name.constData(), status) : ::lstat(name.constData(), status))
-            == 0;
-}
-
 bool isSameFile(const struct stat &a, const struct stat &b)
 {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
@@ -582,7 +575,7 @@ bool TFileSystemHelper::DeleteDirGeneric(const QString &dirPath, bool ignoreErro
         bool deleted;
         if (entry.isDir() && !entry.isSymLink()) {
             struct stat status;
-            if (!statPath(path, &status, false))
+            if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
                 continue; // gone meanwhile
             deleted = S_ISDIR(status.st_mode) ? DeleteDirGeneric(path, ignoreErrors, true)
                                               : removeEntry(path);

@@ -16,7 +16,8 @@ int main()
     if (TQueue::SendMsg(queue->GetQueueId(), text, sizeof text, TQueue::QueueNoWait) != 0)
         return 2;
     char received[16] = {};
-    if (TQueue::ReceiveMsg(queue->GetQueueId(), received, sizeof received, TQueue::QueueNoWait, &error)
+    if (TQueue::ReceiveMsg(queue->GetQueueId(), received, sizeof received, TQueue::QueueNoWait,
+                           &error)
                 != int(sizeof text)
         || std::strcmp(received, text) != 0)
         return 3;
