@@ -109,6 +109,18 @@ inline int countFiles(const QString &root)
     return count;
 }
 
+// The cases named on the command line, all of known when none is; fails on
+// a name not in known.
+inline QStringList selectedCases(const QCoreApplication &app, const QStringList &known)
+{
+    const QStringList named = app.arguments().mid(1);
+    for (const QString &name : named)
+        check(known.contains(name),
+              QStringLiteral("unknown case %1 (known: %2)")
+                      .arg(name, known.join(QLatin1Char(' '))));
+    return named.isEmpty() ? known : named;
+}
+
 inline void printLoad(const char *when)
 {
     QFile loadavg(QStringLiteral("/proc/loadavg"));

@@ -9,8 +9,10 @@
 //            100 per directory; prints the time per file at each size and how
 //            it grows from the smallest batch to the largest
 //
-// bench_filecopytask [CASE...] runs the named cases, both by default, with 2
-// and 3 rounds after a warm-up round (TRELLIS_BENCH_ROUNDS sets them all).
+// bench_filecopytask [CASE...] runs the named cases, both by default, with 1
+// and 3 rounds after a warm-up round (TRELLIS_BENCH_ROUNDS sets them all):
+// about 5 minutes on a quiet machine, and several times that when other work
+// competes for the disk, where each trial flushes 20,000 files.
 // The disk trees live in a temporary directory under TRELLIS_BENCH_DIR, or
 // beside this program when that is not set; the tmpfs trees under
 // TRELLIS_BENCH_TMPFS, /dev/shm by default. Each trial starts after its
@@ -89,6 +91,26 @@ RoundDriver::Trial copyTrial(const QString &destination, int files,
     };
 }
 
+// A temporary directory under base holding a tree of dirs directories of
+// FilesPerDir files, and the prefix of the copies' paths beside it.
+struct Workspace
+{
+    Workspace(const QString &base, int dirs)
+        : scratch(base + QStringLiteral("/bench_filecopytask-XXXXXX")),
+          tree(scratch.path() + QStringLiteral("/tree")),
+          copies(scratch.path() + QStringLiteral("/copy-")), files(dirs * FilesPerDir)
+    {
+        check(scratch.isValid(), QStringLiteral("cannot create a directory in ") + base);
+        makeTree(tree, dirs, FilesPerDir);
+        ::sync();
+    }
+
+    QTemporaryDir scratch;
+    const QString tree;
+    const QString copies;
+    const int files;
+};
+
 double median(std::vector<double> values)
 {
     std::sort(values.begin(), values.end());
@@ -117,13 +139,10 @@ void diskCase(const QString &base, int rounds)
 {
     if (!hasRoom(base, neededBytes(DiskTreeDirs)))
         return;
-    QTemporaryDir scratch(base + QStringLiteral("/bench_filecopytask-XXXXXX"));
-    check(scratch.isValid(), QStringLiteral("cannot create a directory in ") + base);
-    const QString tree = scratch.path() + QStringLiteral("/tree");
-    const QString copies = scratch.path() + QStringLiteral("/copy-");
-    const int files = DiskTreeDirs * FilesPerDir;
-    makeTree(tree, DiskTreeDirs, FilesPerDir);
-    ::sync();
+    const Workspace space(base, DiskTreeDirs);
+    const QString &tree = space.tree;
+    const QString &copies = space.copies;
+    const int files = space.files;
 
     RoundDriver driver("batch copy on disk, 20,000 files of 4 KiB in 200 directories, each file "
                        "flushed",
@@ -155,12 +174,10 @@ void scalingCase(const QString &base, int rounds)
     const std::vector<std::string> names { "TFileSystemHelper::CopyDir",
                                            "TFileCopyTask OverwriteAll, depth 100" };
     for (const int dirs : ScalingDirs) {
-        QTemporaryDir scratch(base + QStringLiteral("/bench_filecopytask-XXXXXX"));
-        check(scratch.isValid(), QStringLiteral("cannot create a directory in ") + base);
-        const QString tree = scratch.path() + QStringLiteral("/tree");
-        const QString copies = scratch.path() + QStringLiteral("/copy-");
-        const int files = dirs * FilesPerDir;
-        makeTree(tree, dirs, FilesPerDir);
+        const Workspace space(base, dirs);
+        const QString &tree = space.tree;
+        const QString &copies = space.copies;
+        const int files = space.files;
 
         // Seconds per file of every trial, the warm-up round's first.
         std::vector<double> copyDirTimes;
@@ -206,19 +223,13 @@ void scalingCase(const QString &base, int rounds)
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    QStringList cases = app.arguments().mid(1);
-    const QStringList known { QStringLiteral("disk"), QStringLiteral("scaling") };
-    if (cases.isEmpty())
-        cases = known;
-    for (const QString &name : cases)
-        check(known.contains(name),
-              QStringLiteral("unknown case %1 (known: %2)")
-                      .arg(name, known.join(QLatin1Char(' '))));
+    const QStringList cases
+            = selectedCases(app, { QStringLiteral("disk"), QStringLiteral("scaling") });
 
     printLoad("at start");
     for (const QString &name : cases) {
         if (name == QLatin1String("disk"))
-            diskCase(scratchBase("TRELLIS_BENCH_DIR", app.applicationDirPath()), 2);
+            diskCase(scratchBase("TRELLIS_BENCH_DIR", app.applicationDirPath()), 1);
         else
             scalingCase(scratchBase("TRELLIS_BENCH_TMPFS", QStringLiteral("/dev/shm")), 3);
     }

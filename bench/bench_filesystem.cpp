@@ -229,15 +229,9 @@ private:
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    QStringList cases = app.arguments().mid(1);
-    const QStringList known { QStringLiteral("filecopy"), QStringLiteral("copydir"),
-                              QStringLiteral("deletedir"), QStringLiteral("md5") };
-    if (cases.isEmpty())
-        cases = known;
-    for (const QString &name : cases)
-        check(known.contains(name),
-              QStringLiteral("unknown case %1 (known: %2)")
-                      .arg(name, known.join(QLatin1Char(' '))));
+    const QStringList cases = selectedCases(app,
+                                            { QStringLiteral("filecopy"), QStringLiteral("copydir"),
+                                              QStringLiteral("deletedir"), QStringLiteral("md5") });
 
     QString base = qEnvironmentVariable("TRELLIS_BENCH_DIR");
     if (base.isEmpty())
