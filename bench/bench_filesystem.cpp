@@ -18,6 +18,7 @@
 // the previous copy first; every directory copy writes a tree of its own,
 // kept until the case ends; every delete removes a fresh copy of the tree.
 
+#include "BenchSupport.h"
 #include "RoundDriver.h"
 
 #include <Trellis/TFileHash.h>
@@ -45,40 +46,15 @@
 
 namespace {
 
+using namespace bench;
+
 constexpr qint64 BigFileBytes = qint64(1) << 30;
 constexpr int TreeDirs = 200;
 constexpr int FilesPerDir = 100;
 constexpr int TreeFiles = TreeDirs * FilesPerDir;
-constexpr int TreeFileBytes = 4096;
 // The big file and a copy of it, and the tree (80 MiB of data) with the nine
 // copies of the directory-copy case at its default rounds, with room to spare.
 constexpr qint64 NeededBytes = 4 * BigFileBytes;
-
-[[noreturn]] void fail(const QString &what)
-{
-    std::fprintf(stderr, "bench_filesystem: %s\n", qPrintable(what));
-    std::exit(1);
-}
-
-void check(bool ok, const QString &what)
-{
-    if (!ok)
-        fail(what);
-}
-
-// Runs program with arguments, without a shell, its output discarded, and
-// fails the benchmark unless it exits with 0.
-void run(const QString &program, const QStringList &arguments)
-{
-    QProcess process;
-    process.setStandardOutputFile(QProcess::nullDevice());
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.start(program, arguments);
-    check(process.waitForFinished(-1) && process.exitStatus() == QProcess::NormalExit
-                  && process.exitCode() == 0,
-          program + QLatin1Char(' ') + arguments.join(QLatin1Char(' '))
-                  + QStringLiteral(" failed"));
-}
 
 // What program prints, for the one check of the digest.
 QByteArray outputOf(const QString &program, const QStringList &arguments)
@@ -88,34 +64,6 @@ QByteArray outputOf(const QString &program, const QStringList &arguments)
     check(process.waitForFinished(-1) && process.exitCode() == 0,
           program + QStringLiteral(" failed"));
     return process.readAllStandardOutput();
-}
-
-double secondsOf(const std::function<void()> &work)
-{
-    QElapsedTimer timer;
-    timer.start();
-    work();
-    return double(timer.nsecsElapsed()) / 1e9;
-}
-
-// Removes a file or tree left by the previous trial and writes back whatever
-// is dirty, so the next trial starts from the same clean state.
-void clear(const QString &path)
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(QFile::encodeName(path).toStdString(), ignored);
-    ::sync();
-}
-
-// Bytes that neither compress nor repeat, from a xorshift generator.
-void fill(char *data, std::size_t size, std::uint64_t &state)
-{
-    for (std::size_t i = 0; i + sizeof state <= size; i += sizeof state) {
-        state ^= state << 13;
-        state ^= state >> 7;
-        state ^= state << 17;
-        std::memcpy(data + i, &state, sizeof state);
-    }
 }
 
 void makeBigFile(const QString &path)
@@ -129,32 +77,6 @@ void makeBigFile(const QString &path)
         check(file.write(block.data(), qint64(block.size())) == qint64(block.size()),
               QStringLiteral("cannot write ") + path);
     }
-}
-
-void makeTree(const QString &root)
-{
-    std::uint64_t state = 2463534242u;
-    char contents[TreeFileBytes];
-    for (int d = 0; d < TreeDirs; ++d) {
-        const QString dir = root + QStringLiteral("/dir%1").arg(d, 3, 10, QLatin1Char('0'));
-        check(QDir().mkpath(dir), QStringLiteral("cannot create ") + dir);
-        for (int f = 0; f < FilesPerDir; ++f) {
-            fill(contents, sizeof contents, state);
-            QFile file(dir + QStringLiteral("/file%1.dat").arg(f, 3, 10, QLatin1Char('0')));
-            check(file.open(QIODevice::WriteOnly)
-                          && file.write(contents, sizeof contents) == sizeof contents,
-                  QStringLiteral("cannot write ") + file.fileName());
-        }
-    }
-}
-
-int countFiles(const QString &root)
-{
-    int count = 0;
-    for (const auto &entry :
-         std::filesystem::recursive_directory_iterator(QFile::encodeName(root).toStdString()))
-        count += entry.is_regular_file();
-    return count;
 }
 
 class Bench
@@ -293,7 +215,7 @@ private:
     {
         if (QFileInfo::exists(m_tree))
             return;
-        makeTree(m_tree);
+        makeTree(m_tree, TreeDirs, FilesPerDir);
         ::sync();
     }
 
@@ -303,27 +225,14 @@ private:
     const QString m_treeCopy;
 };
 
-void printLoad(const char *when)
-{
-    QFile loadavg(QStringLiteral("/proc/loadavg"));
-    if (loadavg.open(QIODevice::ReadOnly))
-        std::printf("load average %s: %s", when, loadavg.readLine().constData());
-}
-
 } // namespace
 
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    QStringList cases = app.arguments().mid(1);
-    const QStringList known { QStringLiteral("filecopy"), QStringLiteral("copydir"),
-                              QStringLiteral("deletedir"), QStringLiteral("md5") };
-    if (cases.isEmpty())
-        cases = known;
-    for (const QString &name : cases)
-        check(known.contains(name),
-              QStringLiteral("unknown case %1 (known: %2)")
-                      .arg(name, known.join(QLatin1Char(' '))));
+    const QStringList cases = selectedCases(app,
+                                            { QStringLiteral("filecopy"), QStringLiteral("copydir"),
+                                              QStringLiteral("deletedir"), QStringLiteral("md5") });
 
     QString base = qEnvironmentVariable("TRELLIS_BENCH_DIR");
     if (base.isEmpty())
