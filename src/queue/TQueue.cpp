@@ -74,13 +74,23 @@ public:
     void putMessage(const void *message, int length);
     int takeMessage(void *buffer, int bufferSize);
 
-    // Both sides write both counters and the lock; separate cache lines keep
-    // threads that poll one of them from being disturbed by writes to another.
+    // Every send and every receive changes both counts, so they share one
+    // cache line: a call then finds both where the other count's change
+    // just brought it. (Only the counts matter here; the kernel semaphores
+    // behind them are touched by sleepers alone.)
     alignas(64) TLightSemaphore freeSlots;
-    alignas(64) TLightSemaphore waitingMessages;
-    alignas(64) TSpinLock lock;
-    int readIndex = 0; // guarded by lock
-    int writeIndex = 0; // guarded by lock
+    TLightSemaphore waitingMessages;
+
+    // The queue lock, in two halves: senders serialize on the write side,
+    // receivers on the read side. The counts already keep a receiver away
+    // from a slot until its message is complete and a sender away from one
+    // until it has been emptied, and each side's index order is its lock
+    // order, so senders and receivers never need to exclude each other; one
+    // producer and one consumer then share no lock at all.
+    alignas(64) TSpinLock writeLock;
+    int writeIndex = 0; // guarded by writeLock
+    alignas(64) TSpinLock readLock;
+    int readIndex = 0; // guarded by readLock
     std::unique_ptr<char[]> slotBlock; // null for an inert queue
 
     const int messageCount;
@@ -109,7 +119,7 @@ unsigned int TQueuePrivate::takeUnit(TLightSemaphore &units, unsigned int timeou
 void TQueuePrivate::putMessage(const void *message, int length)
 {
     const Length storedLength = length;
-    std::lock_guard<TSpinLock> locker(lock);
+    std::lock_guard<TSpinLock> locker(writeLock);
     char *slot = slotBlock.get() + std::size_t(writeIndex) * slotStride;
     std::memcpy(slot, &storedLength, sizeof storedLength);
     if (length > 0)
@@ -123,7 +133,7 @@ void TQueuePrivate::putMessage(const void *message, int length)
 int TQueuePrivate::takeMessage(void *buffer, int bufferSize)
 {
     Length length;
-    std::lock_guard<TSpinLock> locker(lock);
+    std::lock_guard<TSpinLock> locker(readLock);
     const char *slot = slotBlock.get() + std::size_t(readIndex) * slotStride;
     std::memcpy(&length, slot, sizeof length);
     const bool fits = length <= bufferSize;
@@ -146,7 +156,8 @@ TQueue::TQueue(int messageSize, int messageCount, const QString &name)
 TQueue::~TQueue()
 {
     {
-        std::lock_guard<TSpinLock> locker(d->lock);
+        std::lock_guard<TSpinLock> writeLocker(d->writeLock);
+        std::lock_guard<TSpinLock> readLocker(d->readLock);
         d->slotBlock.reset();
     }
     DestroyQueue();

@@ -38,8 +38,9 @@ class TQueuePrivate;
     members of type \c{unsigned int}, the type that the calls take and
     return, so they compare with results without conversions.
 
-    Locks: the registry has one non-recursive lock, each queue one of its
-    own; the two are never held together. Waits happen outside both. The
+    Locks: the registry has one non-recursive lock, each queue its own
+    (one for its senders, one for its receivers); a queue's locks and the
+    registry's are never held together. Waits happen outside both. The
     application may destroy a queue only when no thread is inside, waiting
     in, or about to enter any of its operations: destruction wakes nobody.
 */
