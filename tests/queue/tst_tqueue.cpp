@@ -11,14 +11,13 @@
 #include <vector>
 
 // Queues and their registry, which is process-wide: identifiers start at 1
-// because each test program is a fresh process, and identifiers() runs first.
+// because each test program is a fresh process, and registry() runs first.
 class tst_TQueue : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void identifiers();
-    void destruction();
+    void registry();
     void calls_data();
     void calls();
     void racingCreatesAndDestroys();
@@ -44,10 +43,13 @@ static void runTogether(int count, const std::function<void()> &body)
         thread.join();
 }
 
-void tst_TQueue::identifiers()
+// Identifiers count from 1, inert queues included; lookups by name and by
+// identifier; a destroyed queue, by identifier or by delete, takes only the
+// entries that refer to it with it.
+void tst_TQueue::registry()
 {
     unsigned int code = Untouched;
-    const std::unique_ptr<TQueue> first(TQueue::CreateQueue(16, 4, QStringLiteral("first"), &code));
+    std::unique_ptr<TQueue> first(TQueue::CreateQueue(16, 4, QStringLiteral("first"), &code));
     QCOMPARE(code, TQueue::QueueErrNone);
     code = Untouched;
     const std::unique_ptr<TQueue> inert(TQueue::CreateQueue(0, 4, QStringLiteral("inert"), &code));
@@ -75,33 +77,24 @@ void tst_TQueue::identifiers()
     char buffer[16];
     QCOMPARE(TQueue::ReceiveMsg(TQueue::InvalidQueueId, buffer, 16, NoWait, &code), -1);
     QCOMPARE(code, TQueue::QueueErrNoQueue);
-}
 
-// A queue leaves the registry when it is destroyed, by identifier or by
-// delete, and takes only the entries that refer to it with it.
-void tst_TQueue::destruction()
-{
-    const QString name = QStringLiteral("shared");
-    TQueue *const first = TQueue::CreateQueue(16, 4, name);
-    const unsigned int firstId = first->GetQueueId();
-    auto *namesake = new TQueue(16, 4, name); // registered under its identifier only
+    // A queue built under a registered name is registered under its identifier
+    // only, and its end leaves the other queue's entries alone.
+    auto *namesake = new TQueue(16, 4, QStringLiteral("first"));
     const unsigned int namesakeId = namesake->GetQueueId();
     QCOMPARE(TQueue::FindQueue(namesakeId), namesake);
-    QCOMPARE(TQueue::FindQueue(name), first);
     delete namesake;
     QCOMPARE(TQueue::FindQueue(namesakeId), nullptr);
-    QCOMPARE(TQueue::FindQueue(name), first);
-    QCOMPARE(TQueue::FindQueue(firstId), first);
-
-    QCOMPARE(TQueue::DestroyQueue(firstId), TQueue::QueueErrNone);
-    QCOMPARE(TQueue::DestroyQueue(firstId), TQueue::QueueErrNoQueue);
-    QCOMPARE(TQueue::FindQueue(name), nullptr);
-    QCOMPARE(TQueue::GetQueueName(firstId), TQueue::InvalidQueueName);
-    std::unique_ptr<TQueue> again(TQueue::CreateQueue(16, 4, name));
-    QVERIFY(again && again->GetQueueId() > namesakeId);
-    QCOMPARE(TQueue::FindQueue(name), again.get());
+    QCOMPARE(TQueue::FindQueue(QStringLiteral("first")), first.get());
+    QCOMPARE(TQueue::FindQueue(1), first.get());
+    QCOMPARE(TQueue::DestroyQueue(first.release()->GetQueueId()), TQueue::QueueErrNone);
+    QCOMPARE(TQueue::DestroyQueue(1), TQueue::QueueErrNoQueue);
+    QCOMPARE(TQueue::FindQueue(QStringLiteral("first")), nullptr);
+    QCOMPARE(TQueue::GetQueueName(1), TQueue::InvalidQueueName);
+    std::unique_ptr<TQueue> again(TQueue::CreateQueue(16, 4, QStringLiteral("first")));
+    QVERIFY(again);
     again.reset();
-    QCOMPARE(TQueue::FindQueue(name), nullptr);
+    QCOMPARE(TQueue::FindQueue(QStringLiteral("first")), nullptr);
 }
 
 // Each row runs a script of calls on one queue of messageSize and messageCount
