@@ -1,281 +1,275 @@
 #include <Trellis/TQueue.h>
 
-#include <QByteArray>
+#include <QRegularExpression>
 #include <QtTest>
 
+#include <algorithm>
+#include <atomic>
+#include <functional>
 #include <memory>
+#include <thread>
+#include <vector>
 
-// One queue's sending, receiving and error codes, from one thread.
+// Queues and their registry, which is process-wide: identifiers start at 1
+// because each test program is a fresh process, and registry() runs first.
 class tst_TQueue : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void send_data();
-    void send();
-    void receive_data();
-    void receive();
-    void fullQueueRefusesUntilReceive();
-    void indexesWrap();
-    void overlongMessageIsDropped();
-    void waitingCount_data();
-    void waitingCount();
-    void nullErrorCodePointer();
-    void byIdentifier();
-
-private:
-    static constexpr unsigned int Untouched = 0xC0FFEE;
+    void registry();
+    void calls_data();
+    void calls();
+    void racingCreatesAndDestroys();
+    void producersAndConsumers_data();
+    void producersAndConsumers();
 };
 
-static QByteArray payload(int length, char first = 'a')
+static constexpr unsigned int Untouched = 0xC0FFEE, NoWait = TQueue::QueueNoWait,
+                              Forever = TQueue::QueueWaitForever;
+
+// Runs body() in count threads released together, and waits for them.
+static void runTogether(int count, const std::function<void()> &body)
 {
-    QByteArray bytes(length, Qt::Uninitialized);
-    for (int i = 0; i < length; ++i)
-        bytes[i] = char(first + i % 26);
-    return bytes;
+    std::atomic<int> ready { 0 };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i)
+        threads.emplace_back([&] {
+            for (++ready; ready.load() < count;)
+                std::this_thread::yield();
+            body();
+        });
+    for (auto &thread : threads)
+        thread.join();
 }
 
-void tst_TQueue::send_data()
+// Identifiers count from 1, inert queues included; lookups by name and by
+// identifier; a destroyed queue, by identifier or by delete, takes only the
+// entries that refer to it with it.
+void tst_TQueue::registry()
+{
+    unsigned int code = Untouched;
+    std::unique_ptr<TQueue> first(TQueue::CreateQueue(16, 4, QStringLiteral("first"), &code));
+    QCOMPARE(code, TQueue::QueueErrNone);
+    code = Untouched;
+    const std::unique_ptr<TQueue> inert(TQueue::CreateQueue(0, 4, QStringLiteral("inert"), &code));
+    QVERIFY(inert && inert->GetQueueId() == 2);
+    QCOMPARE(code, TQueue::QueueErrNone);
+    QCOMPARE(TQueue::CreateQueue(1, 1, QStringLiteral("first"), &code), nullptr);
+    QCOMPARE(code, TQueue::QueueErrNameExists);
+    // Names are case-sensitive, and the refused queue drew no identifier.
+    const std::unique_ptr<TQueue> upper(TQueue::CreateQueue(16, 4, QStringLiteral("FIRST")));
+    QCOMPARE(upper->GetQueueId(), 3u);
+    QCOMPARE(TQueue::GetNextId(), 4u);
+
+    code = Untouched;
+    QCOMPARE(TQueue::FindQueue(1, &code), first.get());
+    QCOMPARE(TQueue::FindQueue(QStringLiteral("FIRST"), &code), upper.get());
+    QCOMPARE(TQueue::FindQueue(2, &code), nullptr);
+    QCOMPARE(TQueue::FindQueue(QStringLiteral("inert"), &code), nullptr);
+    QCOMPARE(code, Untouched);
+    QCOMPARE(TQueue::GetQueueName(1), QStringLiteral("first"));
+    QCOMPARE(TQueue::GetQueueId(QStringLiteral("first")), 1u);
+    QCOMPARE(TQueue::GetQueueName(2), TQueue::InvalidQueueName);
+    QCOMPARE(TQueue::GetQueueId(TQueue::InvalidQueueName), TQueue::InvalidQueueId);
+    QCOMPARE(TQueue::DestroyQueue(TQueue::InvalidQueueId), TQueue::QueueErrNoQueue);
+    QCOMPARE(TQueue::SendMsg(TQueue::InvalidQueueId, "x", 1, NoWait), TQueue::QueueErrNoQueue);
+    char buffer[16];
+    QCOMPARE(TQueue::ReceiveMsg(TQueue::InvalidQueueId, buffer, 16, NoWait, &code), -1);
+    QCOMPARE(code, TQueue::QueueErrNoQueue);
+
+    // A queue built under a registered name is registered under its identifier
+    // only, and its end leaves the other queue's entries alone.
+    auto *namesake = new TQueue(16, 4, QStringLiteral("first"));
+    const unsigned int namesakeId = namesake->GetQueueId();
+    QCOMPARE(TQueue::FindQueue(namesakeId), namesake);
+    delete namesake;
+    QCOMPARE(TQueue::FindQueue(namesakeId), nullptr);
+    QCOMPARE(TQueue::FindQueue(QStringLiteral("first")), first.get());
+    QCOMPARE(TQueue::FindQueue(1), first.get());
+    QCOMPARE(TQueue::DestroyQueue(first.release()->GetQueueId()), TQueue::QueueErrNone);
+    QCOMPARE(TQueue::DestroyQueue(1), TQueue::QueueErrNoQueue);
+    QCOMPARE(TQueue::FindQueue(QStringLiteral("first")), nullptr);
+    QCOMPARE(TQueue::GetQueueName(1), TQueue::InvalidQueueName);
+    std::unique_ptr<TQueue> again(TQueue::CreateQueue(16, 4, QStringLiteral("first")));
+    QVERIFY(again);
+    again.reset();
+    QCOMPARE(TQueue::FindQueue(QStringLiteral("first")), nullptr);
+}
+
+// Each row runs a script of calls on one queue of messageSize and messageCount
+// called name. Its words, each checked as it runs:
+//   s<length>[/<timeout>]=<code>  SendMsg() of length new bytes (null when 0) returns code
+//   r<size>[/<timeout>]=<length>  ReceiveMsg() into size bytes gets the oldest message,
+//                                 and leaves the error variable alone
+//   r<size>[/<timeout>]=x<code>   ReceiveMsg() returns -1 and stores code
+//   n<count>                      GetWaitingMessageCount() returns count
+// S and R make the calls through the queue's identifier. The timeout is w for
+// QueueWaitForever or a number; without one the call does not wait.
+void tst_TQueue::calls_data()
 {
     QTest::addColumn<int>("messageSize");
     QTest::addColumn<int>("messageCount");
     QTest::addColumn<QString>("name");
-    QTest::addColumn<int>("length");
-    QTest::addColumn<unsigned int>("timeout");
-    QTest::addColumn<unsigned int>("result");
-
-    const unsigned int noWait = TQueue::QueueNoWait;
-    const unsigned int waitForever = TQueue::QueueWaitForever;
-    const QString name = QStringLiteral("send");
-    const QString noName = TQueue::InvalidQueueName;
-
-    QTest::newRow("size - 1 bytes fit") << 100 << 3 << name << 99 << noWait << TQueue::QueueErrNone;
-    QTest::newRow("size bytes refused")
-            << 100 << 3 << name << 100 << noWait << TQueue::QueueErrMsgSize;
-    QTest::newRow("zero length") << 100 << 3 << name << 0 << noWait << TQueue::QueueErrNone;
-    QTest::newRow("waiting for a free slot")
-            << 100 << 3 << name << 50 << waitForever << TQueue::QueueErrNone;
-    QTest::newRow("negative length") << 100 << 3 << name << -1 << noWait << TQueue::QueueErrMsgSize;
-    QTest::newRow("negative length, waiting")
-            << 100 << 3 << name << -100 << waitForever << TQueue::QueueErrMsgSize;
-    QTest::newRow("timeout 1") << 100 << 3 << name << 10 << 1u << TQueue::QueueErrBadTimeout;
-    QTest::newRow("timeout 1000") << 100 << 3 << name << 10 << 1000u << TQueue::QueueErrBadTimeout;
-    QTest::newRow("overlong before timeout 7")
-            << 100 << 3 << name << 200 << 7u << TQueue::QueueErrMsgSize;
-    QTest::newRow("inert: no name")
-            << 100 << 3 << noName << 10 << noWait << TQueue::QueueErrNoQueue;
-    QTest::newRow("inert: no name, waiting")
-            << 100 << 3 << noName << 10 << waitForever << TQueue::QueueErrNoQueue;
-    QTest::newRow("inert: no name, timeout 1")
-            << 100 << 3 << noName << 10 << 1u << TQueue::QueueErrBadTimeout;
-    QTest::newRow("inert: no name, overlong")
-            << 100 << 3 << noName << 100 << 1u << TQueue::QueueErrMsgSize;
-    QTest::newRow("inert: size 0") << 0 << 3 << name << 0 << noWait << TQueue::QueueErrMsgSize;
-    QTest::newRow("inert: count 0, waiting")
-            << 100 << 0 << name << 10 << waitForever << TQueue::QueueErrNoQueue;
-    QTest::newRow("inert: count -4")
-            << 100 << -4 << name << 10 << noWait << TQueue::QueueErrNoQueue;
+    QTest::addColumn<QByteArray>("script");
+    auto row = [](const char *tag, int size, int count, const char *script,
+                  const char *name = "q") {
+        QTest::newRow(tag) << size << count << QString::fromLatin1(name) << QByteArray(script);
+    };
+    row("size - 1 bytes", 100, 3, "s99=0 s100=64 n1 r99=99 n0");
+    row("zero length", 100, 3, "s0=0 n1 r0=0 n0");
+    row("negative lengths", 100, 3, "s-1=64 s-100/w=64 s0=0 r-1=x64 n0");
+    row("buffer as long", 100, 3, "s50=0 r50=50");
+    row("buffer one short", 100, 2, "s50=0 s30=0 r49=x64 n1 s1=0 r49=30 r49=1");
+    row("three slots", 10, 3, "s1=0 s2=0 s3=0 s4=1 n3 r9=1 s4=0 n3 r9=2 r9=3 r9=4 r9=x1 n0");
+    row("waiting", 100, 3, "s50/w=0 s0/w=0 n2 r100/w=50 r0/w=0");
+    row("other timeouts", 100, 3,
+        "s10/1=128 s10/1000=128 s9=0 r100/5=x128 r9/4294967294=x128 r9=9");
+    row("size before timeout", 100, 3, "s200/7=64 s100/1=64 n0");
+    row("by identifier", 8, 2, "S2=0 S8=64 S2/3=128 n1 R8/3=x128 R8=2 R8=x1");
+    row("inert: no name", 100, 3, "s10=2 s10/w=2 s10/1=128 s100/1=64 S10=2 n0", "");
+    row("inert: no name, receive", 100, 3, "r100=x2 r100/w=x2 r100/5=x128 R100/w=x2", "");
+    row("inert: size 0", 0, 3, "s0=64 r10=x2 R10=x2 n0");
+    row("inert: count 0", 100, 0, "s10/w=2 r10/w=x2 n0");
+    row("inert: count -4", 100, -4, "s10=2 r10=x2 S10=2 n0");
 }
 
-void tst_TQueue::send()
+void tst_TQueue::calls()
 {
     QFETCH(int, messageSize);
     QFETCH(int, messageCount);
     QFETCH(QString, name);
-    QFETCH(int, length);
-    QFETCH(unsigned int, timeout);
-    QFETCH(unsigned int, result);
-
+    QFETCH(QByteArray, script);
     TQueue queue(messageSize, messageCount, name);
-    const QByteArray message = payload(qMax(length, 0));
-    QCOMPARE(queue.SendMsg(message.constData(), length, timeout), result);
-    QCOMPARE(queue.GetWaitingMessageCount(), result == TQueue::QueueErrNone ? 1 : 0);
-    if (result != TQueue::QueueErrNone)
-        return;
-    QByteArray received(messageSize, '\0');
-    QCOMPARE(queue.ReceiveMsg(received.data(), received.size(), TQueue::QueueNoWait), length);
-    QCOMPARE(received.left(length), message);
-}
-
-void tst_TQueue::receive_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<int>("sentLength"); // -1: nothing sent
-    QTest::addColumn<int>("bufferSize");
-    QTest::addColumn<unsigned int>("timeout");
-    QTest::addColumn<int>("result");
-    QTest::addColumn<unsigned int>("errorCode");
-    QTest::addColumn<int>("waitingAfter");
-
-    const unsigned int noWait = TQueue::QueueNoWait;
-    const unsigned int waitForever = TQueue::QueueWaitForever;
-    const QString name = QStringLiteral("receive");
-    const QString noName = TQueue::InvalidQueueName;
-
-    QTest::newRow("buffer exactly as long") << name << 50 << 50 << noWait << 50 << Untouched << 0;
-    QTest::newRow("waiting with a message there")
-            << name << 50 << 100 << waitForever << 50 << Untouched << 0;
-    QTest::newRow("zero-length message") << name << 0 << 0 << noWait << 0 << Untouched << 0;
-    QTest::newRow("buffer one byte short")
-            << name << 50 << 49 << noWait << -1 << TQueue::QueueErrMsgSize << 0;
-    QTest::newRow("negative buffer size")
-            << name << 0 << -1 << noWait << -1 << TQueue::QueueErrMsgSize << 0;
-    QTest::newRow("empty queue") << name << -1 << 100 << noWait << -1 << TQueue::QueueErrWouldBlock
-                                 << 0;
-    QTest::newRow("timeout 5 leaves the message")
-            << name << 10 << 100 << 5u << -1 << TQueue::QueueErrBadTimeout << 1;
-    QTest::newRow("inert") << noName << -1 << 100 << noWait << -1 << TQueue::QueueErrNoQueue << 0;
-    QTest::newRow("inert, waiting")
-            << noName << -1 << 100 << waitForever << -1 << TQueue::QueueErrNoQueue << 0;
-    QTest::newRow("inert, timeout 5")
-            << noName << -1 << 100 << 5u << -1 << TQueue::QueueErrBadTimeout << 0;
-}
-
-void tst_TQueue::receive()
-{
-    QFETCH(QString, name);
-    QFETCH(int, sentLength);
-    QFETCH(int, bufferSize);
-    QFETCH(unsigned int, timeout);
-    QFETCH(int, result);
-    QFETCH(unsigned int, errorCode);
-    QFETCH(int, waitingAfter);
-
-    TQueue queue(100, 3, name);
-    const QByteArray message = payload(qMax(sentLength, 0));
-    if (sentLength >= 0)
-        QCOMPARE(queue.SendMsg(message.constData(), sentLength, TQueue::QueueNoWait),
-                 TQueue::QueueErrNone);
-
-    QByteArray buffer(100, '\0');
-    unsigned int code = Untouched;
-    QCOMPARE(queue.ReceiveMsg(buffer.data(), bufferSize, timeout, &code), result);
-    QCOMPARE(code, errorCode);
-    QCOMPARE(queue.GetWaitingMessageCount(), waitingAfter);
-    if (result >= 0)
-        QCOMPARE(buffer.left(result), message);
-}
-
-void tst_TQueue::fullQueueRefusesUntilReceive()
-{
-    TQueue queue(10, 3, QStringLiteral("full"));
-    for (int i = 0; i < 3; ++i)
-        QCOMPARE(queue.SendMsg("x", 1, TQueue::QueueNoWait), TQueue::QueueErrNone);
-    QCOMPARE(queue.SendMsg("x", 1, TQueue::QueueNoWait), TQueue::QueueErrWouldBlock);
-    QCOMPARE(queue.GetWaitingMessageCount(), 3);
-
-    char buffer[10];
-    QCOMPARE(queue.ReceiveMsg(buffer, sizeof buffer, TQueue::QueueNoWait), 1);
-    QCOMPARE(queue.SendMsg("x", 1, TQueue::QueueNoWait), TQueue::QueueErrNone);
-    QCOMPARE(queue.SendMsg("x", 1, TQueue::QueueNoWait), TQueue::QueueErrWouldBlock);
-}
-
-void tst_TQueue::indexesWrap()
-{
-    TQueue queue(10, 3, QStringLiteral("wrap"));
-    char buffer[10];
-    auto receiveOne = [&] {
-        const int length = queue.ReceiveMsg(buffer, sizeof buffer, TQueue::QueueNoWait);
-        return length < 0 ? QByteArray() : QByteArray(buffer, length);
-    };
-    QCOMPARE(queue.SendMsg("A", 1, TQueue::QueueNoWait), TQueue::QueueErrNone);
-    QCOMPARE(queue.SendMsg("BB", 2, TQueue::QueueNoWait), TQueue::QueueErrNone);
-    QCOMPARE(receiveOne(), QByteArray("A"));
-    QCOMPARE(queue.SendMsg("CCC", 3, TQueue::QueueNoWait), TQueue::QueueErrNone);
-    QCOMPARE(queue.SendMsg("D", 1, TQueue::QueueNoWait), TQueue::QueueErrNone); // into slot 0
-    QCOMPARE(receiveOne(), QByteArray("BB"));
-    QCOMPARE(receiveOne(), QByteArray("CCC"));
-    QCOMPARE(receiveOne(), QByteArray("D"));
-    QCOMPARE(receiveOne(), QByteArray());
-}
-
-void tst_TQueue::overlongMessageIsDropped()
-{
-    TQueue queue(100, 2, QStringLiteral("drop"));
-    const QByteArray first = payload(50), second = payload(49, 'k');
-    QCOMPARE(queue.SendMsg(first.constData(), first.size(), TQueue::QueueNoWait),
-             TQueue::QueueErrNone);
-    QCOMPARE(queue.SendMsg(second.constData(), second.size(), TQueue::QueueNoWait),
-             TQueue::QueueErrNone);
-
-    QByteArray buffer(49, '\0');
-    unsigned int code = Untouched;
-    QCOMPARE(queue.ReceiveMsg(buffer.data(), buffer.size(), TQueue::QueueNoWait, &code), -1);
-    QCOMPARE(code, TQueue::QueueErrMsgSize);
-    // Its slot is free again, and the next message comes next.
-    QCOMPARE(queue.SendMsg("z", 1, TQueue::QueueNoWait), TQueue::QueueErrNone);
-    QCOMPARE(queue.ReceiveMsg(buffer.data(), buffer.size(), TQueue::QueueNoWait, &code), 49);
-    QCOMPARE(buffer, second);
-    QCOMPARE(code, TQueue::QueueErrMsgSize);
-}
-
-void tst_TQueue::waitingCount_data()
-{
-    QTest::addColumn<int>("sends");
-    QTest::addColumn<int>("receives");
-    QTest::newRow("new") << 0 << 0;
-    QTest::newRow("1 - 0") << 1 << 0;
-    QTest::newRow("3 - 1") << 3 << 1;
-    QTest::newRow("full") << 4 << 0;
-    QTest::newRow("full, emptied") << 4 << 4;
-}
-
-void tst_TQueue::waitingCount()
-{
-    QFETCH(int, sends);
-    QFETCH(int, receives);
-    TQueue queue(8, 4, QStringLiteral("count"));
-    char buffer[8];
-    for (int i = 0; i < sends; ++i)
-        QCOMPARE(queue.SendMsg("m", 1, TQueue::QueueWaitForever), TQueue::QueueErrNone);
-    for (int i = 0; i < receives; ++i)
-        QCOMPARE(queue.ReceiveMsg(buffer, sizeof buffer, TQueue::QueueWaitForever), 1);
-    QCOMPARE(queue.GetWaitingMessageCount(), sends - receives);
-
-    const TQueue inert(8, 4, TQueue::InvalidQueueName);
-    QCOMPARE(inert.GetWaitingMessageCount(), 0);
-}
-
-void tst_TQueue::nullErrorCodePointer()
-{
-    TQueue queue(4, 1, QStringLiteral("null"));
-    char buffer[4];
-    QCOMPARE(queue.ReceiveMsg(buffer, sizeof buffer, TQueue::QueueNoWait, nullptr), -1);
-    QCOMPARE(queue.ReceiveMsg(buffer, sizeof buffer, 3, nullptr), -1);
-    QCOMPARE(queue.SendMsg("abc", 3, TQueue::QueueNoWait), TQueue::QueueErrNone);
-    QCOMPARE(queue.ReceiveMsg(buffer, 2, TQueue::QueueNoWait, nullptr), -1);
-    QCOMPARE(TQueue::ReceiveMsg(TQueue::InvalidQueueId, buffer, 4, TQueue::QueueNoWait, nullptr),
-             -1);
-
-    unsigned int code = 5;
-    TQueue::SetErrorCode(&code, TQueue::QueueErrNameExists);
-    QCOMPARE(code, TQueue::QueueErrNameExists);
-    TQueue::SetErrorCode(nullptr, TQueue::QueueErrNameExists);
-}
-
-void tst_TQueue::byIdentifier()
-{
-    TQueue queue(8, 2, QStringLiteral("by id"));
-    const TQueue inert(8, 2, TQueue::InvalidQueueName);
-    char buffer[8];
-    unsigned int code = Untouched;
-
-    QCOMPARE(TQueue::SendMsg(queue.GetQueueId(), "id", 2, TQueue::QueueNoWait),
-             TQueue::QueueErrNone);
-    QCOMPARE(TQueue::ReceiveMsg(queue.GetQueueId(), buffer, 8, TQueue::QueueNoWait, &code), 2);
-    QCOMPARE(QByteArray(buffer, 2), QByteArray("id"));
-    QCOMPARE(code, Untouched);
-    // Argument errors come from the queue itself.
-    QCOMPARE(TQueue::SendMsg(queue.GetQueueId(), "id", 8, TQueue::QueueNoWait),
-             TQueue::QueueErrMsgSize);
-
-    for (unsigned int id :
-         { TQueue::InvalidQueueId, inert.GetQueueId(), queue.GetQueueId() + 1000 }) {
-        code = Untouched;
-        QCOMPARE(TQueue::SendMsg(id, "id", 2, TQueue::QueueNoWait), TQueue::QueueErrNoQueue);
-        QCOMPARE(TQueue::ReceiveMsg(id, buffer, 8, TQueue::QueueWaitForever, &code), -1);
-        QCOMPARE(code, TQueue::QueueErrNoQueue);
+    const unsigned int id = queue.GetQueueId();
+    static const QRegularExpression word(QRegularExpression::anchoredPattern(
+            QStringLiteral("([sSrRn])(-?\\d+)(?:/(w|\\d+))?(?:=(x?)(\\d+))?")));
+    QList<QByteArray> waiting; // the messages sent and not yet received, oldest first
+    int sends = 0;
+    for (const QByteArray &text : script.split(' ')) {
+        const QRegularExpressionMatch call = word.match(QString::fromLatin1(text));
+        QVERIFY2(call.hasMatch(), text.constData());
+        const char what = text.at(0);
+        const bool byId = what == 'S' || what == 'R', fails = call.capturedLength(4) > 0;
+        const int number = call.captured(2).toInt(), expected = call.captured(5).toInt();
+        const unsigned int timeout = call.captured(3) == QLatin1String("w")
+                ? Forever
+                : call.captured(3).toUInt(); // no timeout: 0, QueueNoWait
+        if (what == 'n') {
+            QCOMPARE(queue.GetWaitingMessageCount(), number);
+        } else if (what == 's' || what == 'S') {
+            const QByteArray message(qMax(number, 0), char('A' + sends++));
+            const char *data = number == 0 ? nullptr : message.constData();
+            const unsigned int code = byId ? TQueue::SendMsg(id, data, number, timeout)
+                                           : queue.SendMsg(data, number, timeout);
+            QCOMPARE(code, unsigned(expected));
+            if (code == TQueue::QueueErrNone)
+                waiting.append(message);
+        } else {
+            std::vector<char> buffer(qMax(number, 1)); // exactly that long, for ASan
+            unsigned int code = Untouched;
+            const int length = byId ? TQueue::ReceiveMsg(id, buffer.data(), number, timeout, &code)
+                                    : queue.ReceiveMsg(buffer.data(), number, timeout, &code);
+            QCOMPARE(length, fails ? -1 : expected);
+            QCOMPARE(code, fails ? unsigned(expected) : Untouched);
+            if (!fails)
+                QCOMPARE(QByteArray(buffer.data(), length), waiting.takeFirst());
+            else if (code == TQueue::QueueErrMsgSize)
+                waiting.removeFirst(); // dropped
+        }
     }
+}
+
+// Of threads creating one name at once exactly one gets a queue; of threads
+// destroying its identifier at once exactly one deletes it (a second delete
+// would show in the sanitizer build).
+void tst_TQueue::racingCreatesAndDestroys()
+{
+    const QString name = QStringLiteral("contested");
+    for (int round = 0; round < 300; ++round) {
+        std::atomic<TQueue *> winner { nullptr };
+        std::atomic<int> created { 0 }, refused { 0 }, deleted { 0 };
+        runTogether(4, [&] {
+            unsigned int code = Untouched;
+            TQueue *const queue = TQueue::CreateQueue(8, 1, name, &code);
+            (queue ? created : refused) += code == (queue ? 0 : TQueue::QueueErrNameExists);
+            if (queue)
+                winner = queue;
+        });
+        QCOMPARE(created.load(), 1);
+        QCOMPARE(refused.load(), 3);
+        QCOMPARE(TQueue::FindQueue(name), winner.load());
+        const unsigned int id = winner.load()->GetQueueId();
+        runTogether(4, [&] { deleted += TQueue::DestroyQueue(id) == TQueue::QueueErrNone; });
+        QCOMPARE(deleted.load(), 1);
+        QCOMPARE(TQueue::FindQueue(name), nullptr);
+    }
+}
+
+void tst_TQueue::producersAndConsumers_data()
+{
+    QTest::addColumn<int>("producers");
+    QTest::addColumn<int>("consumers");
+    QTest::addColumn<int>("slotCount");
+    QTest::addColumn<unsigned int>("timeout");
+    QTest::newRow("4 x 4, waiting") << 4 << 4 << 64 << Forever;
+    QTest::newRow("4 x 4, one slot, waiting") << 4 << 4 << 1 << Forever;
+    QTest::newRow("1 x 3, receivers waiting on empty") << 1 << 3 << 8 << Forever;
+    QTest::newRow("3 x 1, senders waiting on full") << 3 << 1 << 8 << Forever;
+    QTest::newRow("4 x 4, not waiting") << 4 << 4 << 2 << NoWait;
+    QTest::newRow("2 x 2, not waiting") << 2 << 2 << 3 << NoWait;
+}
+
+// Numbered messages from several producers to several consumers: each
+// arrives exactly once, and each producer's in the order they were sent.
+// Waiting calls block on a full or empty queue until another thread's call
+// wakes them (a lost wake-up hangs the test); calls that do not wait retry.
+void tst_TQueue::producersAndConsumers()
+{
+    QFETCH(int, producers);
+    QFETCH(int, consumers);
+    QFETCH(int, slotCount);
+    QFETCH(unsigned int, timeout);
+    const int total = 240000; // divisible by every thread count above
+    const int perProducer = total / producers;
+    TQueue queue(2 * sizeof(int) + 1, slotCount, QStringLiteral("shared"));
+    std::atomic<int> faults { 0 }; // failed calls, messages out of order or out of range
+    std::vector<std::atomic<int>> seen(total); // how often each message arrived
+    std::vector<std::thread> threads;
+    for (int c = 0; c < consumers; ++c)
+        threads.emplace_back([&] {
+            std::vector<int> last(producers, -1); // the last sequence number from each
+            for (int i = 0; i < total / consumers; ++i) {
+                int message[2] = { -1, -1 }; // producer, sequence number
+                unsigned int code = TQueue::QueueErrWouldBlock;
+                while (queue.ReceiveMsg(message, sizeof message, timeout, &code) < 0
+                       && code == TQueue::QueueErrWouldBlock)
+                    std::this_thread::yield();
+                const auto [p, sequence] = message;
+                if (p < 0 || p >= producers || sequence <= last[p] || sequence >= perProducer) {
+                    ++faults;
+                    continue;
+                }
+                last[p] = sequence;
+                ++seen[p * perProducer + sequence];
+            }
+        });
+    for (int p = 0; p < producers; ++p)
+        threads.emplace_back([&, p] {
+            for (int sequence = 0; sequence < perProducer; ++sequence) {
+                const int message[2] = { p, sequence };
+                unsigned int code;
+                while ((code = queue.SendMsg(message, sizeof message, timeout))
+                       == TQueue::QueueErrWouldBlock)
+                    std::this_thread::yield();
+                faults += code != TQueue::QueueErrNone;
+            }
+        });
+    for (auto &thread : threads)
+        thread.join();
+    QCOMPARE(faults.load(), 0);
+    QCOMPARE(int(std::count(seen.begin(), seen.end(), 1)), total);
+    QCOMPARE(queue.GetWaitingMessageCount(), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_TQueue)
