@@ -99,6 +99,7 @@ private slots:
     void concurrentReadersAndWriters()
     {
         const int values[] = { 0x2AAAAAAA, -0x55555556 };
+        TLocalTime::SetOffset(values[0]);
         std::atomic<bool> stop { false };
         std::atomic<int> wrongReads { 0 };
         std::vector<std::thread> threads;
