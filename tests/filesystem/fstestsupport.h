@@ -5,18 +5,11 @@
 
 #include <Trellis/TLocalTime.h>
 
-#include <QByteArray>
-#include <QDir>
 #include <QDirIterator>
-#include <QFile>
-#include <QFileInfo>
 #include <QMap>
 #include <QProcess>
 #include <QRandomGenerator>
-#include <QStandardPaths>
-#include <QString>
 
-#include <cstdlib>
 #include <ctime>
 #include <sys/stat.h>
 
@@ -24,11 +17,9 @@ namespace FsTest {
 
 inline QByteArray randomBytes(qint64 size, quint32 seed = 1)
 {
-    QRandomGenerator random(seed);
-    QByteArray bytes(int(size), Qt::Uninitialized);
-    for (char &byte : bytes)
-        byte = char(random.generate());
-    return bytes;
+    QByteArray bytes(int(size + 3) & ~3, Qt::Uninitialized);
+    QRandomGenerator(seed).fillRange(reinterpret_cast<quint32 *>(bytes.data()), bytes.size() / 4);
+    return bytes.left(int(size));
 }
 
 // Writes contents to path, creating missing parent directories.
@@ -36,37 +27,7 @@ inline bool writeFile(const QString &path, const QByteArray &contents)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate)
-            && file.write(contents) == contents.size();
-}
-
-// Splits a list written as one text: names("a b c") or names("a|b c", '|').
-inline QStringList names(const char *list, char separator = ' ')
-{
-    return QString::fromLatin1(list).split(QLatin1Char(separator), Qt::SkipEmptyParts);
-}
-
-// Makes, under root, "name" a file holding its own name, "name/" a directory
-// and "name->target" a symbolic link, with missing parent directories.
-inline bool makeEntries(const QString &root, const QStringList &entries)
-{
-    const QDir dir(root);
-    for (const QString &entry : entries) {
-        const int arrow = entry.indexOf(QLatin1String("->"));
-        bool made;
-        if (arrow > 0) {
-            const QString link = dir.filePath(entry.left(arrow));
-            made = QDir().mkpath(QFileInfo(link).absolutePath())
-                    && QFile::link(entry.mid(arrow + 2), link);
-        } else if (entry.endsWith(QLatin1Char('/'))) {
-            made = dir.mkpath(entry);
-        } else {
-            made = writeFile(dir.filePath(entry), entry.toUtf8());
-        }
-        if (!made)
-            return false;
-    }
-    return true;
+    return file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size();
 }
 
 inline QByteArray readFile(const QString &path)
@@ -75,43 +36,66 @@ inline QByteArray readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
 }
 
-inline bool exists(const QString &path) // the link itself counts
+// Splits a list written as one text: names("a b c") or names("a|b c", '|').
+inline QStringList names(const char *list, char separator = ' ')
 {
-    struct stat status;
-    return ::lstat(QFile::encodeName(path).constData(), &status) == 0;
+    return QString::fromUtf8(list).split(QLatin1Char(separator), Qt::SkipEmptyParts);
 }
 
+// Makes, under root, "name" a file holding its own name, "name/" a directory
+// and "name->target" a symbolic link, with missing parent directories.
+inline bool makeEntries(const QString &root, const QStringList &entries)
+{
+    for (const QString &entry : entries) {
+        const int arrow = entry.indexOf(QLatin1String("->"));
+        const QString path = root + QLatin1Char('/') + (arrow > 0 ? entry.left(arrow) : entry);
+        if (!(arrow > 0 ? QDir().mkpath(QFileInfo(path).absolutePath())
+                              && QFile::link(entry.mid(arrow + 2), path)
+                      : entry.endsWith(QLatin1Char('/')) ? QDir().mkpath(path)
+                                                         : writeFile(path, entry.toUtf8())))
+            return false;
+    }
+    return true;
+}
+
+// The entry itself, a link not followed; all zero when it is missing.
+inline struct stat status(const QString &path)
+{
+    struct stat result
+    {
+    };
+    ::lstat(QFile::encodeName(path).constData(), &result);
+    return result;
+}
+
+inline bool exists(const QString &path)
+{
+    return status(path).st_nlink > 0;
+}
 inline mode_t mode(const QString &path)
 {
-    struct stat status;
-    return ::lstat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_mode & 07777 : 0;
+    return status(path).st_mode & 07777;
 }
 
-inline qint64 modificationTime(const QString &path)
-{
-    struct stat status;
-    return ::lstat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_mtime : -1;
-}
-
-// What a tree holds, links not followed: relative path -> contents, link
-// target or "<dir>", each with its mode and modification time. Equal
-// snapshots mean nothing was created, removed or written.
+// What a tree holds, links not followed: relative path -> mode, modification
+// time and contents, link target or nothing for a directory. Equal snapshots
+// mean nothing was created, removed or written.
 inline QMap<QString, QString> snapshot(const QString &root)
 {
     QMap<QString, QString> entries;
-    QDirIterator it(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+    const QDir base(QDir(root).absolutePath());
+    QDirIterator it(base.path(),
+                    QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
                     QDirIterator::Subdirectories);
-    const QDir base(root);
     while (it.hasNext()) {
         const QString path = it.next();
-        const QFileInfo info = it.fileInfo();
-        QString what = info.isSymLink() ? QStringLiteral("-> ") + info.symLinkTarget()
-                : info.isDir()          ? QStringLiteral("<dir>")
+        const QString what = it.fileInfo().isSymLink() ? it.fileInfo().symLinkTarget()
+                : it.fileInfo().isDir()                ? QString()
                                         : QString::fromLatin1(readFile(path).toHex());
         entries.insert(base.relativeFilePath(path),
                        QStringLiteral("%1 %2 %3")
                                .arg(mode(path), 0, 8)
-                               .arg(modificationTime(path))
+                               .arg(status(path).st_mtime)
                                .arg(what));
     }
     return entries;
@@ -123,16 +107,11 @@ inline int run(const QString &program, const QStringList &arguments, QByteArray 
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(program, arguments);
-    if (!process.waitForFinished(120000) || process.exitStatus() != QProcess::NormalExit)
-        return -1;
+    const bool ended
+            = process.waitForFinished(300000) && process.exitStatus() == QProcess::NormalExit;
     if (output)
         *output = process.readAll();
-    return process.exitCode();
-}
-
-inline bool haveTool(const QString &name)
-{
-    return !QStandardPaths::findExecutable(name).isEmpty();
+    return ended ? process.exitCode() : -1;
 }
 
 // Pins the process's time zone to UTC and moves the offset clock 400 days
@@ -144,12 +123,18 @@ inline void setUpStampClock()
     TLocalTime::SetOffset(-400 * 24 * 3600);
 }
 
-// The stamp TLocalTime::setFileTime() gives now, in seconds since the epoch
-// (with the time zone pinned to UTC).
+// The stamp TLocalTime::setFileTime() gives now, in seconds since the epoch.
 inline qint64 stampNow()
 {
     const QDateTime now = TLocalTime::currentDateTime();
     return now.toSecsSinceEpoch() - now.time().second();
+}
+
+// Whether path was stamped at a whole minute from the stamp before on.
+inline bool isStamped(const QString &path, qint64 before)
+{
+    const qint64 time = status(path).st_mtime;
+    return time >= before && time <= stampNow() && time % 60 == 0;
 }
 
 } // namespace FsTest
