@@ -11,7 +11,11 @@
 #include <QObject>
 #include <QProcess>
 
+#include <algorithm>
 #include <cerrno>
+#include <future>
+#include <memory>
+#include <system_error>
 #include <utility>
 
 #include <fcntl.h>
@@ -26,6 +30,11 @@ static_assert(sizeof(off_t) == 8, "Trellis needs a 64-bit off_t");
 namespace {
 
 constexpr qint64 CopyChunkSize = 4096;
+// Chunks are gathered and handed to the copy in writes of up to this many
+// bytes, as a buffered QFile gathers them: the kernel's cost per write is
+// several times that of copying a chunk, and a 4096-byte write per chunk
+// would take half the speed of a large copy. A multiple of the chunk size.
+constexpr qint64 WriteBatchSize = 1024 * 1024;
 constexpr qint64 SyncInterval = 16000000;
 // The copy hands each 4 MiB written since the last fsync() to the disk
 // without waiting, so that the disk writes while the copy goes on and the
@@ -105,6 +114,76 @@ qint64 writeChunk(int fd, const char *data, qint64 size)
     }
     return done;
 }
+
+// Gathers whole chunks read from a file and writes them to another in as
+// few calls as its buffer allows. The buffer is allocated once, no larger
+// than the file being copied needs.
+class ChunkBatch
+{
+public:
+    ChunkBatch(int destination, qint64 expectedSize)
+        : m_destination(destination),
+          m_capacity(std::clamp((expectedSize + CopyChunkSize - 1) / CopyChunkSize * CopyChunkSize,
+                                CopyChunkSize, WriteBatchSize)),
+          m_buffer(std::make_unique<char[]>(std::size_t(m_capacity)))
+    { }
+
+    // Room for the next chunk, after the chunks gathered so far; flushes
+    // first when the buffer is full. Null when that flush failed.
+    char *nextChunk()
+    {
+        if (m_used + CopyChunkSize > m_capacity && !flush())
+            return nullptr;
+        return m_buffer.get() + m_used;
+    }
+    void commit(qint64 count) { m_used += count; }
+
+    // Writes what was gathered; false when not all of it could be written.
+    bool flush()
+    {
+        const qint64 written = writeChunk(m_destination, m_buffer.get(), m_used);
+        const bool complete = written == m_used;
+        m_used = 0;
+        return complete;
+    }
+
+private:
+    const int m_destination;
+    const qint64 m_capacity;
+    const std::unique_ptr<char[]> m_buffer;
+    qint64 m_used = 0;
+};
+
+// Flushes a file to the disk while its copy goes on: a flush waits for the
+// disk, and the copy can meanwhile read and write the next part (together
+// that makes a large copy up to half again as fast). One flush runs at a
+// time; the destructor waits for the last, so the descriptor outlives it.
+class BackgroundSync
+{
+public:
+    explicit BackgroundSync(int fd) : m_fd(fd) { }
+    ~BackgroundSync() { wait(); }
+
+    void start()
+    {
+        wait();
+        try {
+            m_running = std::async(std::launch::async, [fd = m_fd] { ::fsync(fd); });
+        } catch (const std::system_error &) {
+            ::fsync(m_fd); // no thread to be had: flush here
+        }
+    }
+
+    void wait()
+    {
+        if (m_running.valid())
+            m_running.get();
+    }
+
+private:
+    const int m_fd;
+    std::future<void> m_running;
+};
 
 qint64 fileSize(int fd)
 {
@@ -403,7 +482,7 @@ bool TFileSystemHelper::FileCopyWithProgress(const QString &srcFile, const QStri
     // The files are handled through their descriptors: QFile would add
     // several system calls per file (a second status, a path-based status
     // and three access checks for the permissions) and a layer of calls per
-    // chunk. Reads and writes loop as QFile's do, so chunks are whole.
+    // chunk. Reads loop as QFile's do, so chunks are whole.
     const QString actualDestFile = FileCopyLowerCaseDestFilename(destFile);
     const bool renamed = actualDestFile != destFile;
     const QByteArray sourceName = QFile::encodeName(srcFile);
@@ -432,7 +511,7 @@ bool TFileSystemHelper::FileCopyWithProgress(const QString &srcFile, const QStri
         return false;
 
     const bool reportProgress = receiver && member;
-    char buffer[CopyChunkSize] = {};
+    ChunkBatch batch(destination.get(), sourceStatus.st_size);
     qint64 copied = 0;
     qint64 unsynced = 0;
     qint64 unreported = 0;
@@ -442,9 +521,21 @@ bool TFileSystemHelper::FileCopyWithProgress(const QString &srcFile, const QStri
     qint64 sourceSize = sourceStatus.st_size;
     bool atEnd = false;
 
-    const auto sync = [&] {
-        ::fsync(destination.get());
+    // Every byte read so far reaches the descriptor before a flush to the
+    // disk, and before any return: a copy that fails keeps what it read.
+    // The last flush is complete, and all earlier ones, before the copy is
+    // reported done.
+    BackgroundSync backgroundSync(destination.get());
+    const auto sync = [&](bool last) {
+        const bool written = batch.flush();
+        if (last) {
+            backgroundSync.wait();
+            ::fsync(destination.get());
+        } else {
+            backgroundSync.start();
+        }
         unsynced = 0;
+        return written;
     };
     const auto report = [&] {
         bool goOn = true;
@@ -458,37 +549,48 @@ bool TFileSystemHelper::FileCopyWithProgress(const QString &srcFile, const QStri
     // A read that found the end ends the copy; the next one would only find
     // it again.
     while (!atEnd) {
-        const qint64 count = readChunk(source.get(), buffer, CopyChunkSize, atEnd);
-        if (count < 0)
+        char *chunk = batch.nextChunk();
+        if (!chunk)
             return false;
+        const qint64 count = readChunk(source.get(), chunk, CopyChunkSize, atEnd);
+        if (count < 0) {
+            batch.flush();
+            return false;
+        }
         if (count == 0)
             break;
+        batch.commit(count);
         copied += count;
         const bool lastChunk = count < CopyChunkSize
                 || (copied >= sourceSize && (sourceSize = fileSize(source.get())) <= copied);
-        if (writeChunk(destination.get(), buffer, count) != count)
-            return false;
 
         unsynced += count;
-        if (unsynced >= SyncInterval || lastChunk)
-            sync();
-        else if (unsynced % WritebackInterval == 0)
+        if (unsynced >= SyncInterval || lastChunk) {
+            if (!sync(lastChunk))
+                return false;
+        } else if (unsynced % WritebackInterval == 0) {
+            if (!batch.flush())
+                return false;
             ::sync_file_range(destination.get(), copied - WritebackInterval, WritebackInterval,
                               SYNC_FILE_RANGE_WRITE);
+        }
 
         if (!reportProgress)
             continue;
         unreported += count;
         if (TLocalTime::getCurrentTime() - lastReport < ProgressInterval && !lastChunk)
             continue;
-        if (!report())
+        if (!report()) {
+            batch.flush();
             return false;
+        }
     }
 
     // A source that shrank while it was read ends without a last chunk; what
     // it gave is still flushed and reported.
-    if (unsynced > 0)
-        sync();
+    if (unsynced > 0 && !sync(true))
+        return false;
+    backgroundSync.wait();
     if (unreported > 0 && !report())
         return false;
 

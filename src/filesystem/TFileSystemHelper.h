@@ -105,11 +105,12 @@ public:
         The copy is written under FileCopyLowerCaseDestFilename(\a destFile).
         Anything at \a destFile and at that name is removed first (a symbolic
         link there is removed as a link, never written through); if the
-        latter cannot be removed the result is false. The source is read and
-        the copy written in chunks of 4096 bytes; the copy is flushed to the
-        disk with fsync() each time 16,000,000 bytes (decimal) have been
-        written since the last flush and after its last chunk, so an empty
-        source is never flushed. When the source is exhausted, the copy gets
+        latter cannot be removed the result is false. The source is read in
+        chunks of 4096 bytes, which are written to the copy in batches of up
+        to 1 MiB (as a buffered QFile would gather them, in larger writes);
+        the copy is flushed to the disk with fsync() each time 16,000,000
+        bytes (decimal) have been read since the last flush and after its
+        last chunk, so an empty source is never flushed. When the source is exhausted, the copy gets
         the source's permissions plus QFile::WriteOther, is closed and, when
         \a stampFileTime is true, gets the offset clock's current minute as
         its access and modification time (TLocalTime::setFileTime()).
@@ -141,10 +142,10 @@ public:
             link, an alias through the lower-cased extension, or a
             case-insensitive file system), the result is false and nothing
             is removed.
-        \li Every byte written reaches the file descriptor before each
-            fsync(), and the copy is closed before it is stamped, so nothing
-            written later can change the stamp: the copy is written without
-            a user-space buffer.
+        \li Every byte read reaches the file descriptor before each fsync()
+            and before any return, and the copy is closed before it is
+            stamped, so the flushes make all of it durable and nothing
+            written later can change the stamp.
         \endlist
 
         Runs in the calling thread and blocks it until done; copies of

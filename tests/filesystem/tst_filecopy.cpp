@@ -3,9 +3,12 @@
 
 #include <Trellis/TFileSystemHelper.h>
 
+#include <QHash>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <algorithm>
 
 #include <unistd.h>
 
@@ -194,46 +197,78 @@ private slots:
     void systemCalls_data()
     {
         QTest::addColumn<qint64>("size");
-        QTest::addColumn<QVector<int>>("syncsAfterWrite"); // the writes before each fsync
-        QTest::newRow("empty") << qint64(0) << QVector<int> {};
-        QTest::newRow("10000 bytes") << qint64(10000) << QVector<int> { 3 };
-        QTest::newRow("two whole chunks") << qint64(8192) << QVector<int> { 2 };
-        // 3907 chunks are the first to reach 16,000,000 bytes.
-        QTest::newRow("20,000,000 bytes") << qint64(20000000) << QVector<int> { 3907, 4883 };
+        // Where the flushes come: a write must end at each of these offsets
+        // and a flush begin after it.
+        QTest::addColumn<QVector<qint64>>("syncPoints");
+        QTest::newRow("empty") << qint64(0) << QVector<qint64> {};
+        QTest::newRow("10000 bytes") << qint64(10000) << QVector<qint64> { 10000 };
+        QTest::newRow("two whole chunks") << qint64(8192) << QVector<qint64> { 8192 };
+        // 3907 chunks of 4096 bytes are the first to reach 16,000,000 bytes.
+        QTest::newRow("20,000,000 bytes")
+                << qint64(20000000) << QVector<qint64> { 16003072, 20000000 };
     }
 
     void systemCalls()
     {
         QFETCH(qint64, size);
-        QFETCH(QVector<int>, syncsAfterWrite);
+        QFETCH(QVector<qint64>, syncPoints);
+        const QString source = QDir::current().canonicalPath() + QStringLiteral("/source");
         const QString copy = QDir::current().canonicalPath() + QStringLiteral("/copy");
-        QVERIFY(writeFile(QStringLiteral("source"), randomBytes(size)));
+        QVERIFY(writeFile(source, randomBytes(size)));
         QByteArray output;
         const int exitCode = runProbe(names("strace -f -qq -y -e trace=desc -o trace"),
-                                      { QStringLiteral("source"), copy }, &output);
+                                      { source, copy }, &output);
         if (exitCode != 0 && !exists(QStringLiteral("trace")))
             QSKIP(qPrintable(QStringLiteral("strace cannot run here: ")
                              + QString::fromLocal8Bit(output)));
         QCOMPARE(exitCode, 0);
-        QCOMPARE(readFile(copy), readFile(QStringLiteral("source")));
+        QCOMPARE(readFile(copy), readFile(source));
 
-        // Each line reads "[pid] call(fd<path>, ...) = result".
-        const QRegularExpression call(
-                QStringLiteral("^(?:\\d+ +)?(\\w+)\\(\\d+<([^>]*)>.*\\) += (-?\\d+)"));
-        QVector<qint64> writes;
-        QVector<int> syncs;
+        // Each call reads "pid call(fd<path>, ...) = result". One that
+        // another thread's call interrupted is split in two:
+        // "pid call(fd<path>, <unfinished ...>" and, later,
+        // "pid <... call resumed>..., count) = result".
+        const QRegularExpression started(
+                QStringLiteral("^(?:(\\d+) +)?(\\w+)\\(\\d+<([^>]*)>(.*)$"));
+        const QRegularExpression resumed(
+                QStringLiteral("^(?:(\\d+) +)?<\\.\\.\\. (\\w+) resumed>(.*)$"));
+        const QRegularExpression count(QStringLiteral(", (\\d+)\\) += -?\\d+$"));
+        QHash<QString, QString> unfinishedPaths; // by thread
+        QVector<qint64> reads; // the bytes asked for
+        QVector<qint64> writeEnds;
+        QVector<qint64> syncs; // the bytes written when each flush began
+        qint64 written = 0;
         for (const QString &line : names(readFile(QStringLiteral("trace")).constData(), '\n')) {
-            const QRegularExpressionMatch match = call.match(line);
-            if (match.captured(2) == copy && match.captured(1) == QLatin1String("write"))
-                writes.append(match.captured(3).toLongLong());
-            else if (match.captured(2) == copy && match.captured(1) == QLatin1String("fsync"))
-                syncs.append(writes.size());
+            const QRegularExpressionMatch start = started.match(line);
+            const QRegularExpressionMatch end = resumed.match(line);
+            const QString name = (start.hasMatch() ? start : end).captured(2);
+            QString path = start.captured(3);
+            if (line.endsWith(QLatin1String("<unfinished ...>")))
+                unfinishedPaths.insert(start.captured(1), path);
+            else if (end.hasMatch())
+                path = unfinishedPaths.take(end.captured(1));
+            const qint64 bytes = count.match(line).captured(1).toLongLong();
+            if (path == source && name == QLatin1String("read") && bytes > 0)
+                reads.append(bytes);
+            else if (path == copy && name == QLatin1String("write") && bytes > 0)
+                writeEnds.append(written += bytes);
+            else if (path == copy && name == QLatin1String("fsync") && start.hasMatch())
+                syncs.append(written);
         }
-        QVector<qint64> chunks(int(size / 4096), 4096);
-        if (size % 4096)
-            chunks.append(size % 4096);
-        QCOMPARE(writes, chunks);
-        QCOMPARE(syncs, syncsAfterWrite);
+        // The source is read in chunks of 4096 bytes (a short read is
+        // followed by one for the rest of its chunk, which finds the end);
+        // they reach the copy in larger writes, each flush after the chunks
+        // it covers.
+        QVERIFY(std::all_of(reads.cbegin(), reads.cend(), [](qint64 n) { return n <= 4096; }));
+        QCOMPARE(reads.count(4096), int(size / 4096) + 1);
+        QCOMPARE(written, size);
+        QCOMPARE(syncs.size(), syncPoints.size());
+        for (int i = 0; i < syncs.size(); ++i) {
+            QVERIFY2(writeEnds.contains(syncPoints[i]), qPrintable(QString::number(syncPoints[i])));
+            QVERIFY(syncs[i] >= syncPoints[i]);
+        }
+        if (!syncs.isEmpty())
+            QCOMPARE(syncs.last(), size);
     }
 
     void failingPartWay()
