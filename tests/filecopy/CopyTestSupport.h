@@ -1,0 +1,117 @@
+#ifndef TRELLIS_COPYTESTSUPPORT_H
+#define TRELLIS_COPYTESTSUPPORT_H
+
+#include <Trellis/TFileCopyTask.h>
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QThread>
+#include <QtTest>
+
+#include <atomic>
+
+#include <unistd.h>
+
+// A pass ends with sync(), which can take long on a disk that other programs keep busy.
+constexpr int PassTimeout = 120000;
+
+inline QByteArray ReadFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+// Creates the entries of spec, separated by spaces, under root: "path=text" a
+// file holding text, "path#size" a file of size bytes, "path/" a directory and
+// "path->target" a symbolic link.
+inline void MakeTree(const QString &root, const QString &spec)
+{
+    for (const QString &entry : spec.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+        const QString path
+                = root + QLatin1Char('/') + entry.section(QRegExp(QStringLiteral("=|#|->")), 0, 0);
+        QVERIFY(QDir().mkpath(QFileInfo(path).absolutePath()));
+        if (entry.endsWith(QLatin1Char('/'))) {
+            QVERIFY(QDir().mkpath(path));
+        } else if (entry.contains(QLatin1String("->"))) {
+            QCOMPARE(::symlink(QFile::encodeName(entry.section(QLatin1String("->"), 1)).constData(),
+                               QFile::encodeName(path).constData()),
+                     0);
+        } else {
+            const int size = entry.section(QLatin1Char('#'), 1).toInt();
+            const QByteArray content = entry.contains(QLatin1Char('='))
+                    ? entry.section(QLatin1Char('='), 1).toUtf8()
+                    : QByteArray(size, 'x');
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
+        }
+    }
+}
+
+// Checks the entries of spec, separated by spaces, under root: "path=text" a
+// file holding text, "path=-" nothing, "path=/" an empty directory and
+// "left==right" two trees that diff -r finds equal.
+inline void CheckFiles(const QString &root, const QString &spec)
+{
+    for (const QString &check : spec.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+        const QString path = root + QLatin1Char('/') + check.section(QLatin1Char('='), 0, 0);
+        const QString expected = check.section(QLatin1Char('='), 1);
+        if (check.contains(QLatin1String("=="))) {
+            const QString other = root + QLatin1Char('/') + check.section(QLatin1String("=="), 1);
+            QCOMPARE(QProcess::execute(QStringLiteral("diff"),
+                                       { QStringLiteral("-r"), path, other }),
+                     0);
+        } else if (expected == QLatin1String("-")) {
+            QVERIFY2(!QFileInfo::exists(path), qPrintable(path));
+        } else if (expected == QLatin1String("/")) {
+            QVERIFY2(QFileInfo(path).isDir()
+                             && QDir(path).isEmpty(QDir::AllEntries | QDir::Hidden
+                                                   | QDir::NoDotAndDotDot),
+                     qPrintable(path));
+        } else {
+            QCOMPARE(QString::fromUtf8(ReadFile(path)), expected);
+        }
+    }
+}
+
+// Records the signals of a task in the order they reach the recorder's thread,
+// as text: "P percent copied skipped" for Progress(), "F path" for
+// FileCopied() and "S state path" for State(), with paths relative to root and
+// "-" for an empty QFileInfo.
+class CopyTaskRecorder : public QObject
+{
+public:
+    CopyTaskRecorder(TFileCopyTask *task, const QString &root) : root(root)
+    {
+        connect(task, &TFileCopyTask::State, this, [this](int state, const QFileInfo &file) {
+            events << QStringLiteral("S %1 %2").arg(state).arg(Name(file));
+            ++states;
+        });
+        connect(task, &TFileCopyTask::Progress, this, [this](int percent, int copied, int skipped) {
+            events << QStringLiteral("P %1 %2 %3").arg(percent).arg(copied).arg(skipped);
+        });
+        connect(task, &TFileCopyTask::FileCopied, this,
+                [this](const QFileInfo &file) { events << QStringLiteral("F ") + Name(file); });
+        const auto noteThread
+                = [this, task] { emittedElsewhere += QThread::currentThread() != task->thread(); };
+        connect(task, &TFileCopyTask::State, this, noteThread, Qt::DirectConnection);
+        connect(task, &TFileCopyTask::Progress, this, noteThread, Qt::DirectConnection);
+        connect(task, &TFileCopyTask::FileCopied, this, noteThread, Qt::DirectConnection);
+    }
+
+    QString Name(const QFileInfo &file) const
+    {
+        return file.filePath().isEmpty() ? QStringLiteral("-")
+                                         : QDir(root).relativeFilePath(file.absoluteFilePath());
+    }
+
+    const QString root;
+    QStringList events;
+    // Counted here rather than by a QSignalSpy, which would count in the
+    // emitting thread, ahead of the queued events.
+    int states = 0;
+    // The signals emitted outside the task's own thread.
+    std::atomic<int> emittedElsewhere { 0 };
+};
+
+#endif // TRELLIS_COPYTESTSUPPORT_H
