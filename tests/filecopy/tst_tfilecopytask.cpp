@@ -5,6 +5,7 @@
 #include <Trellis/TThreadedObject.h>
 
 #include <QMetaMethod>
+#include <QRegularExpression>
 #include <QSemaphore>
 #include <QtTest>
 
@@ -54,19 +55,13 @@ private slots:
 void tst_TFileCopyTask::metaObject()
 {
     const QMetaObject &meta = TFileCopyTask::staticMetaObject;
-    const QList<QByteArray> signatures { "State(int,QFileInfo)",
-                                         "Progress(int,int,int)",
-                                         "FileCopied(QFileInfo)",
-                                         "Stop()",
-                                         "SetFileExistAction(EFileExistsAction)",
-                                         "Continue(EFileExistsAction)",
-                                         "ContinueOverwrite()",
-                                         "ContinueOverwriteAll()",
-                                         "ContinueSkip()",
-                                         "ContinueSkipAll()",
-                                         "ContinueRename(EFileExistsAction,QString)",
-                                         "Run()",
-                                         "OnBytesWritten(qint64)" };
+    const QList<QByteArray> signatures
+            = QByteArray(
+                      "State(int,QFileInfo) Progress(int,int,int) FileCopied(QFileInfo) Stop() "
+                      "SetFileExistAction(EFileExistsAction) Continue(EFileExistsAction) "
+                      "ContinueOverwrite() ContinueOverwriteAll() ContinueSkip() ContinueSkipAll() "
+                      "ContinueRename(EFileExistsAction,QString) Run() OnBytesWritten(qint64)")
+                      .split(' ');
     QCOMPARE(meta.methodCount() - meta.methodOffset(), signatures.size());
     for (int i = 0; i < signatures.size(); ++i) {
         const QMetaMethod method = meta.method(meta.methodOffset() + i);
@@ -83,7 +78,7 @@ void tst_TFileCopyTask::metaObject()
 
 // A row creates a tree (see MakeTree()) in a temporary directory, runs steps
 // on a task, then compares the signals with events (see CopyTaskRecorder; a
-// "*" matches any text, and a leading "..." compares the last events only)
+// "*" matches any text within an event, and "..." any events)
 // and checks the files (see CheckFiles()). Steps are separated by ", " and
 // end once every pass they queued has emitted State(); the actions of a step,
 // separated by "+", are:
@@ -217,12 +212,11 @@ void tst_TFileCopyTask::batches_data()
     AddRow("an entry the prefix does not match fails", "src/d/x.txt=x",
            "ContinueOverwriteAll, Copy:0:d:@/src/d$:@/elsewhere", "..., P 0 0 0, P 100 0 0, S 4 -",
            "src/d/x.txt=x elsewhere=-");
-    AddRow("the destination is the source", "src/d/x.txt=x",
-           "ContinueOverwriteAll, Copy:0:d::@/src", "..., P 0 0 0, P 100 0 0, S 4 -",
-           "src/d/x.txt=x");
-    AddRow("the destination is the source but for the extension's case", "src/Photo.JPG=p",
-           "ContinueOverwriteAll, Copy:0:Photo.JPG::@/src", "..., P 0 0 0, P 100 0 0, S 4 -",
-           "src/Photo.JPG=p src/Photo.jpg=-");
+    AddRow("the destination is the source, also but for the extension's case",
+           "src/d/x.txt=x src/Photo.JPG=p",
+           "ContinueOverwriteAll, Copy:0:d Photo.JPG::@/src, ContinueOverwriteAll",
+           "..., P 0 0 0, S 3 d, P 100 0 0, S 4 -",
+           "src/d/x.txt=x src/Photo.JPG=p src/Photo.jpg=-");
 }
 
 void tst_TFileCopyTask::batches()
@@ -271,13 +265,14 @@ void tst_TFileCopyTask::batches()
                 QList<QFileInfo> sources;
                 for (const QString &source : word[2].split(QLatin1Char(' '), Qt::SkipEmptyParts))
                     sources << QFileInfo(QDir::cleanPath(src + QLatin1Char('/') + source));
-                const QString srcPrefix = word.value(3).isEmpty()
-                        ? QRegExp::escape(src)
-                        : QString(word[3]).replace(QLatin1Char('@'), QRegExp::escape(tmp.path()));
-                const QString destPrefix = word.value(4).isEmpty()
-                        ? tmp.path() + QStringLiteral("/dst")
-                        : QString(word[4]).replace(QLatin1Char('@'), tmp.path());
-                task.CopyFiles(sources, srcPrefix, destPrefix, word[1].toInt());
+                const QString srcPrefix
+                        = word.value(3).isEmpty() ? QStringLiteral("@/src") : word[3];
+                const QString destPrefix
+                        = word.value(4).isEmpty() ? QStringLiteral("@/dst") : word[4];
+                task.CopyFiles(
+                        sources,
+                        QString(srcPrefix).replace(QLatin1Char('@'), QRegExp::escape(tmp.path())),
+                        QString(destPrefix).replace(QLatin1Char('@'), tmp.path()), word[1].toInt());
                 ++passes;
                 ++copies;
             } else if (name == "StopAtReport") {
@@ -308,22 +303,17 @@ void tst_TFileCopyTask::batches()
         QTRY_COMPARE_WITH_TIMEOUT(recorder.states, passes, PassTimeout);
     }
 
-    QStringList expected = events.split(QStringLiteral(", "));
-    QStringList actual = recorder.events;
-    if (expected.constFirst() == QLatin1String("...")) {
-        expected.removeFirst();
-        actual = actual.mid(qMax(0, actual.size() - expected.size()));
-    }
-    bool matches = actual.size() == expected.size();
-    for (int i = 0; matches && i < actual.size(); ++i)
-        matches = QRegExp(expected[i], Qt::CaseSensitive, QRegExp::Wildcard).exactMatch(actual[i]);
-    QVERIFY2(matches, qPrintable(recorder.events.join(QStringLiteral(", "))));
+    const QString actual = recorder.events.join(QStringLiteral(", "));
+    const QString pattern = QRegularExpression::escape(events)
+                                    .replace(QLatin1String("\\*"), QLatin1String("[^,]*"))
+                                    .replace(QLatin1String("\\.\\.\\."), QLatin1String(".*"));
+    QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(pattern))
+                     .match(actual)
+                     .hasMatch(),
+             qPrintable(actual));
     // 100% is reported only at the end of a completed batch.
-    for (int i = 0; i + 1 < recorder.events.size(); ++i) {
-        if (recorder.events[i].startsWith(QLatin1String("P 100 ")))
-            QVERIFY2(recorder.events[i + 1].contains(QRegExp(QStringLiteral("^(P 100|S 4) "))),
-                     qPrintable(recorder.events.join(QStringLiteral(", "))));
-    }
+    QVERIFY2(!actual.contains(QRegularExpression(QStringLiteral("P 100 [^,]*, (F|P \\d\\d?) "))),
+             qPrintable(actual));
     // In a worker, only the Progress(0, 0, 0) of CopyFiles() comes from the calling thread.
     QCOMPARE(recorder.emittedElsewhere.load(), worker ? copies : 0);
     CheckFiles(tmp.path(), files);
