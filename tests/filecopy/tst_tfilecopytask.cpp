@@ -98,40 +98,38 @@ void tst_TFileCopyTask::batches_data()
     QTest::addColumn<QString>("events");
     QTest::addColumn<QString>("files");
 
-    // c is copied first, then b asks.
-    const char *conflicts = "src/a.txt=new src/b.txt=new src/c.txt=new dst/a.txt=old dst/b.txt=old";
-    const QByteArray copyAbc = "Copy:0:a.txt b.txt c.txt";
-    const QByteArray asked = "P 0 0 0, P 33 0 0, F c.txt, S 2 b.txt";
+    // A batch of a, b and c, answered: c is copied first, then b asks.
     const QByteArray overwriteRest = "P 67 1 0, F b.txt, P 99 2 0, F a.txt, P 100 3 0, S 4 -";
-    AddRow("ContinueOverwrite, spent by its item", conflicts,
-           copyAbc + ", ContinueOverwrite, ContinueSkip",
-           asked + ", P 67 1 0, F b.txt, S 2 a.txt, P 100 2 1, S 4 -",
-           "dst/a.txt=old dst/b.txt=new dst/c.txt=new");
-    AddRow("ContinueOverwriteAll, kept for the next batch, Stop before a pass", conflicts,
-           copyAbc + "+Stop, ContinueOverwriteAll, " + copyAbc,
-           asked + ", " + overwriteRest + ", P 0 0 0, P 33 0 0, F c.txt, " + overwriteRest,
-           "dst/a.txt=new dst/b.txt=new");
-    AddRow("ContinueSkip, spent by its item", conflicts,
-           copyAbc + ", ContinueSkip, ContinueOverwrite",
-           asked + ", S 2 a.txt, P 99 1 1, F a.txt, P 100 2 1, S 4 -",
-           "dst/a.txt=new dst/b.txt=old");
-    AddRow("Stop at a question, ContinueSkipAll, kept for the next batch", conflicts,
-           copyAbc + ", Stop+ContinueSkipAll, " + copyAbc,
-           asked + ", P 100 1 2, S 4 -, P 0 0 0, P 100 0 3, S 4 -",
-           "dst/a.txt=old dst/b.txt=old dst/c.txt=new");
-    AddRow("Continue(Ask) asks again, Continue(SkipAll)", conflicts,
-           copyAbc + ", Continue:0, Continue:4", asked + ", S 2 b.txt, P 100 1 2, S 4 -",
-           "dst/a.txt=old dst/b.txt=old");
-    AddRow("Continue with another value overwrites", conflicts, copyAbc + ", Continue:7",
-           asked + ", " + overwriteRest, "dst/a.txt=new dst/b.txt=new");
-    AddRow("ContinueRename asks again for the alternative, for its item only",
-           "src/a.txt=new src/b.txt=new src/c.txt=new dst/a.txt=old dst/b.txt=old alt/b.txt=old",
-           copyAbc + ", ContinueRename:0:@/alt, ContinueOverwrite, ContinueSkip",
-           asked + ", S 2 b.txt, P 67 1 0, F b.txt, S 2 a.txt, P 100 2 1, S 4 -",
-           "alt/b.txt=new dst/b.txt=old alt/a.txt=- dst/a.txt=old");
-    AddRow("a vanished item raises no question", conflicts,
-           copyAbc + ", Remove:src/a.txt+ContinueSkip", asked + ", P 100 1 1, S 4 -",
-           "dst/a.txt=old");
+    const auto answered = [](const char *name, const QByteArray &answers, const QByteArray &rest,
+                             const char *files) {
+        const QByteArray copy = "Copy:0:a.txt b.txt c.txt";
+        AddRow(name,
+               "src/a.txt=new src/b.txt=new src/c.txt=new dst/a.txt=old dst/b.txt=old "
+               "alt/b.txt=old",
+               copy + ", " + QByteArray(answers).replace("Copy", copy),
+               "P 0 0 0, P 33 0 0, F c.txt, S 2 b.txt, " + rest, files);
+    };
+    answered("ContinueOverwrite, spent by its item", "ContinueOverwrite, ContinueSkip",
+             "P 67 1 0, F b.txt, S 2 a.txt, P 100 2 1, S 4 -",
+             "dst/a.txt=old dst/b.txt=new dst/c.txt=new");
+    answered("ContinueOverwriteAll, kept for the next batch", "ContinueOverwriteAll, Copy",
+             overwriteRest + ", P 0 0 0, P 33 0 0, F c.txt, " + overwriteRest,
+             "dst/a.txt=new dst/b.txt=new");
+    answered("ContinueSkip, spent by its item", "ContinueSkip, ContinueOverwrite",
+             "S 2 a.txt, P 99 1 1, F a.txt, P 100 2 1, S 4 -", "dst/a.txt=new dst/b.txt=old");
+    answered("Stop at a question, ContinueSkipAll, kept for the next batch",
+             "Stop+ContinueSkipAll, Copy", "P 100 1 2, S 4 -, P 0 0 0, P 100 0 3, S 4 -",
+             "dst/a.txt=old dst/b.txt=old dst/c.txt=new");
+    answered("Continue(Ask) asks again, Continue(SkipAll)", "Continue:0, Continue:4",
+             "S 2 b.txt, P 100 1 2, S 4 -", "dst/a.txt=old dst/b.txt=old");
+    answered("Continue with another value overwrites", "Continue:7", overwriteRest,
+             "dst/a.txt=new dst/b.txt=new");
+    answered("ContinueRename asks again for the alternative, for its item only",
+             "ContinueRename:0:@/alt, ContinueOverwrite, ContinueSkip",
+             "S 2 b.txt, P 67 1 0, F b.txt, S 2 a.txt, P 100 2 1, S 4 -",
+             "alt/b.txt=new dst/b.txt=old alt/a.txt=- dst/a.txt=old");
+    answered("a vanished item raises no question", "Remove:src/a.txt+ContinueSkip",
+             "P 100 1 1, S 4 -", "dst/a.txt=old");
 
     for (const char *action : { "1", "3" })
         AddRow(QByteArray("action ") + action + " spent by an item without conflict",
@@ -145,9 +143,8 @@ void tst_TFileCopyTask::batches_data()
     AddRow("an answer before a new batch is expanded keeps the batch",
            "src/a.txt=new src/c.txt=new dst/a.txt=old",
            "Copy:0:a.txt, Copy:0:c.txt+ContinueOverwrite",
-           "P 0 0 0, S 2 a.txt, P 0 0 0, P 99 0 0, F c.txt, P 100 1 0, S 4 -, P 100 0 0, P 100 1 "
-           "0, "
-           "S 4 -",
+           "P 0 0 0, S 2 a.txt, P 0 0 0, P 99 0 0, F c.txt, P 100 1 0, S 4 -, "
+           "P 100 0 0, P 100 1 0, S 4 -",
            "dst/a.txt=old dst/c.txt=new");
 
     // Split one level, d gives the item d/sub. dst/d is a file, so nothing
@@ -172,10 +169,16 @@ void tst_TFileCopyTask::batches_data()
 
     for (const int depth : { 0, 1, -1, 100 }) {
         const QByteArray copy = "Copy:" + QByteArray::number(depth);
-        AddRow(copy + ":. copies the tree",
-               "src/top.txt#5000 src/d1/x.txt#10000 src/d1/d2/y.txt=y src/d1/zero.txt= "
-               "src/d1/empty/ src/Empty2/",
-               copy + ":.", "..., P 100 6 0, S 4 -", "src==dst");
+        // Hidden entries are copied only when named as sources.
+        AddRow(copy + ":.direct . copies the tree",
+               "src/top.txt=t src/d1/x.txt=x src/d1/d2/y.txt=y src/d1/zero.txt= src/d1/empty/ "
+               "src/Empty2/ src/d1/.hidden.txt=h src/d1/.hiddendir/x.txt=x "
+               "src/onlyhidden/.secret=s "
+               "src/.direct=d",
+               copy + ":.direct .", "..., P 100 8 0, S 4 -",
+               "dst=/.direct,d1,Empty2,onlyhidden,top.txt dst/d1=/d2,empty,x.txt,zero.txt "
+               "dst/d1/d2=/y.txt dst/d1/empty=/ dst/Empty2=/ dst/onlyhidden=/ dst/top.txt=t "
+               "dst/d1/x.txt=x dst/d1/d2/y.txt=y dst/d1/zero.txt= dst/.direct=d");
         // Links to their own directory, to the source, above the source, a
         // cycle of two, and one out of the source that is no cycle.
         AddRow(copy + ":tree ends link cycles",
@@ -186,14 +189,6 @@ void tst_TFileCopyTask::batches_data()
                "dst/tree/f.txt=f dst/tree/sub/g.txt=g dst/tree/a/fa.txt=a dst/tree/a/x/fb.txt=b "
                "dst/tree/b/fb.txt=b dst/tree/b/y/fa.txt=a dst/tree/ext/o.txt=o");
     }
-    for (const char *depth : { "0", "-1" })
-        AddRow(QByteArray("Copy:") + depth + " leaves hidden entries in directories",
-               "src/dir/visible.txt=v src/dir/.hidden.txt=h src/dir/.hiddendir/x.txt=x "
-               "src/onlyhidden/.secret=s src/.direct=d",
-               QByteArray("Copy:") + depth + ":dir onlyhidden .direct", "..., P 100 3 0, S 4 -",
-               "dst/.direct=d dst/dir/visible.txt=v dst/dir/.hidden.txt=- dst/dir/.hiddendir=- "
-               "dst/onlyhidden=/");
-
     const char *workItems = "src/tree/f1.txt=new src/tree/f2.txt=new src/tree/sub/f3.txt=new "
                             "dst/tree/f1.txt=old dst/tree/sub/f3.txt=old";
     AddRow("depth 0 asks once for a directory", workItems, "Copy:0:tree, ContinueSkip",
@@ -203,8 +198,9 @@ void tst_TFileCopyTask::batches_data()
            "P 0 0 0, S 2 tree/sub/f3.txt, P 67 0 1, F tree/f2.txt, S 2 tree/f1.txt, P 99 1 1, "
            "F tree/f1.txt, P 100 2 1, S 4 -",
            "dst/tree/f1.txt=new dst/tree/f2.txt=new dst/tree/sub/f3.txt=old");
-    AddRow("%1 in the destination prefix", "src/a/report.txt=r src/a/notes.tar.gz=n",
-           "Copy:0:a::@/backup/%1", "..., P 100 2 0, S 4 -",
+    AddRow("%1 in the destination prefix, a Stop before the pass",
+           "src/a/report.txt=r src/a/notes.tar.gz=n", "Copy:0:a::@/backup/%1+Stop",
+           "..., P 100 2 0, S 4 -",
            "backup/report/a/report.txt=r backup/notes.tar/a/notes.tar.gz=n");
     AddRow("a prefix without %1 is taken literally", "src/a.txt=a", "Copy:0:a.txt::@/back\\1%off",
            "..., P 100 1 0, S 4 -", "back\\1%off/a.txt=a");
