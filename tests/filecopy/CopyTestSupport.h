@@ -26,9 +26,7 @@ inline void MakeTree(const QString &root, const QString &spec)
                 = root + QLatin1Char('/') + entry.section(QRegExp(QStringLiteral("=|#|->")), 0, 0);
         QVERIFY(QDir().mkpath(entry.endsWith(QLatin1Char('/')) ? path : QFileInfo(path).path()));
         if (entry.contains(QLatin1String("->"))) {
-            QCOMPARE(::symlink(QFile::encodeName(entry.section(QLatin1String("->"), 1)).constData(),
-                               QFile::encodeName(path).constData()),
-                     0);
+            QVERIFY(QFile::link(entry.section(QLatin1String("->"), 1), path));
         } else if (!entry.endsWith(QLatin1Char('/'))) {
             const QByteArray content = entry.contains(QLatin1Char('='))
                     ? entry.section(QLatin1Char('='), 1).toUtf8()

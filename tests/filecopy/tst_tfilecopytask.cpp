@@ -189,15 +189,6 @@ void tst_TFileCopyTask::batches_data()
                "dst/tree/f.txt=f dst/tree/sub/g.txt=g dst/tree/a/fa.txt=a dst/tree/a/x/fb.txt=b "
                "dst/tree/b/fb.txt=b dst/tree/b/y/fa.txt=a dst/tree/ext/o.txt=o");
     }
-    const char *workItems = "src/tree/f1.txt=new src/tree/f2.txt=new src/tree/sub/f3.txt=new "
-                            "dst/tree/f1.txt=old dst/tree/sub/f3.txt=old";
-    AddRow("depth 0 asks once for a directory", workItems, "Copy:0:tree, ContinueSkip",
-           "P 0 0 0, S 2 tree, P 100 0 3, S 4 -",
-           "dst/tree/f1.txt=old dst/tree/f2.txt=- dst/tree/sub/f3.txt=old");
-    AddRow("depth -1 asks per file", workItems, "Copy:-1:tree, ContinueSkip, ContinueOverwrite",
-           "P 0 0 0, S 2 tree/sub/f3.txt, P 67 0 1, F tree/f2.txt, S 2 tree/f1.txt, P 99 1 1, "
-           "F tree/f1.txt, P 100 2 1, S 4 -",
-           "dst/tree/f1.txt=new dst/tree/f2.txt=new dst/tree/sub/f3.txt=old");
     AddRow("%1 in the destination prefix, a Stop before the pass",
            "src/a/report.txt=r src/a/notes.tar.gz=n", "Copy:0:a::@/backup/%1+Stop",
            "..., P 100 2 0, S 4 -",

@@ -23,15 +23,6 @@ namespace {
 // a loaded machine are slow. Only a failing test waits this long.
 constexpr int Timeout = 120000;
 
-std::vector<char *> Pointers(std::vector<QByteArray> &words)
-{
-    std::vector<char *> pointers;
-    for (QByteArray &word : words)
-        pointers.push_back(word.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 // trellis-copy with its standard input, output and error on a
 // pseudo-terminal of its own, as a user at a terminal would run it, or with
 // its input from /dev/null and its output and errors on one pipe; its
@@ -41,17 +32,16 @@ class Run
 public:
     Run(const QStringList &words, bool terminal, const QString &tmpdir)
     {
-        std::vector<QByteArray> arguments, environment { "TMPDIR=" + QFile::encodeName(tmpdir) };
-        for (char **variable = environ; *variable; ++variable)
-            environment.push_back(*variable);
+        std::vector<QByteArray> arguments { "env", "TMPDIR=" + QFile::encodeName(tmpdir) };
         for (const QString &word : programCommand(QStringLiteral(TRELLIS_COPY_PROGRAM)) + words)
             arguments.push_back(QFile::encodeName(word));
-        std::vector<char *> argv = Pointers(arguments), envp = Pointers(environment);
+        std::vector<char *> argv;
+        for (QByteArray &argument : arguments)
+            argv.push_back(argument.data());
+        argv.push_back(nullptr);
         int output[2] = { -1, -1 };
         if (terminal) {
-            struct winsize size = {};
-            size.ws_row = 50;
-            size.ws_col = 300;
+            struct winsize size = { 50, 300, 0, 0 };
             m_pid = ::forkpty(&m_fd, nullptr, nullptr, &size);
         } else if (::pipe2(output, O_CLOEXEC) == 0) {
             m_fd = output[0];
@@ -63,7 +53,7 @@ public:
                 ::dup2(output[1], STDOUT_FILENO);
                 ::dup2(output[1], STDERR_FILENO);
             }
-            ::execve(argv[0], argv.data(), envp.data());
+            ::execvp(argv[0], argv.data());
             ::_exit(127);
         }
         if (output[1] >= 0)
@@ -125,7 +115,7 @@ private:
 };
 
 void AddRow(const char *name, const char *command, const char *tree, const char *answers,
-            int exitCode, const char *output, const char *files)
+            int exitCode, const char *output, const char *files = "")
 {
     QTest::newRow(name) << QString::fromUtf8(command) << QString::fromUtf8(tree)
                         << QString::fromUtf8(answers) << exitCode << QString::fromUtf8(output)
@@ -175,9 +165,8 @@ void tst_TrellisCopy::runs_data()
     for (const auto &usage : usageErrors)
         AddRow(usage[0], usage[1], "", "", 2, usage[2], "dst=- src/dst=-");
     AddRow("help", "--help", "", "", 0,
-           "--on-conflict|--depth|overwrite all|skip all|rename|%1 in|quit|continue|Exit "
-           "codes|130|Ctrl-C",
-           "");
+           "--on-conflict|--depth|overwrite all|skip all|rename|%1 in|quit|continue|"
+           "Exit codes|130|Ctrl-C");
     AddRow("trees from several parents", "@/src @/other/e.txt @/dst",
            "src/sub/deeper/d.txt=d src/empty/ other/e.txt=e", "", 0,
            "Done: 6 copied, 0 skipped, 0 failed", "src==dst/src dst/e.txt=e");
@@ -191,29 +180,29 @@ void tst_TrellisCopy::runs_data()
            "@/dst/src/a.txt exists", "dst/src/a.txt=old dst/src/c.txt=-");
 
     // A second batch, other/d.txt, conflicts as well.
-    const char *twoBatches = "@/src @/other/d.txt @/dst";
-    const char *conflicts = "dst/src/a.txt=old dst/src/b.txt=old dst/d.txt=old other/d.txt=d "
-                            "taken/src/a.txt=taken";
-    AddRow("overwrite, skip, overwrite", twoBatches, conflicts, "o,s,overwrite", 0,
-           "Done: 3 copied, 1 skipped",
-           "dst/src/a.txt=a dst/src/b.txt=old dst/src/c.txt=c dst/d.txt=d");
-    AddRow("overwrite all, also in the next batch", twoBatches, conflicts, "a", 0,
-           "Done: 4 copied, 0 skipped", "dst/src/a.txt=a dst/src/b.txt=b dst/d.txt=d");
-    AddRow("skip all", twoBatches, conflicts, "Skip-All", 0, "Done: 1 copied, 3 skipped",
-           "dst/src/a.txt=old dst/src/b.txt=old dst/src/c.txt=c dst/d.txt=old");
-    AddRow("rename with the base name", twoBatches, conflicts, "r,back)? |@/free/%1,s,s", 0,
-           "Done: 2 copied, 2 skipped",
-           "free/a/src/a.txt=a dst/src/a.txt=old dst/src/b.txt=old free/b/src/b.txt=-");
-    AddRow("rename onto a taken place asks again", twoBatches, conflicts, "r,back)? |@/taken,o,s,s",
-           0, "@/taken/src/a.txt exists|Done: 2 copied, 2 skipped",
-           "taken/src/a.txt=a dst/src/a.txt=old");
-    AddRow("answer not understood, rename taken back", twoBatches, conflicts,
-           "perhaps,rename,back)? |,o,o,o", 0, "Done: 4 copied, 0 skipped",
-           "dst/src/a.txt=a dst/src/b.txt=b");
-    AddRow("quit", twoBatches, conflicts, "q", 1, "Quit: 0 copied, 0 skipped, 0 failed",
-           "dst/src/a.txt=old dst/src/c.txt=- dst/d.txt=old");
-    AddRow("end of input", twoBatches, conflicts, "^D", 1, "Quit: 0 copied",
-           "dst/src/a.txt=old dst/src/c.txt=-");
+    const auto asked = [](const char *name, const char *answers, int exitCode, const char *output,
+                          const char *files) {
+        AddRow(name, "@/src @/other/d.txt @/dst",
+               "dst/src/a.txt=old dst/src/b.txt=old dst/d.txt=old other/d.txt=d "
+               "taken/src/a.txt=taken",
+               answers, exitCode, output, files);
+    };
+    asked("overwrite, skip, overwrite", "o,s,overwrite", 0, "Done: 3 copied, 1 skipped",
+          "dst/src/a.txt=a dst/src/b.txt=old dst/src/c.txt=c dst/d.txt=d");
+    asked("overwrite all, also in the next batch", "a", 0, "Done: 4 copied, 0 skipped",
+          "dst/src/a.txt=a dst/src/b.txt=b dst/d.txt=d");
+    asked("skip all", "Skip-All", 0, "Done: 1 copied, 3 skipped",
+          "dst/src/a.txt=old dst/src/b.txt=old dst/src/c.txt=c dst/d.txt=old");
+    asked("rename with the base name", "r,back)? |@/free/%1,s,s", 0, "Done: 2 copied, 2 skipped",
+          "free/a/src/a.txt=a dst/src/a.txt=old dst/src/b.txt=old free/b/src/b.txt=-");
+    asked("rename onto a taken place asks again", "r,back)? |@/taken,o,s,s", 0,
+          "@/taken/src/a.txt exists|Done: 2 copied, 2 skipped",
+          "taken/src/a.txt=a dst/src/a.txt=old");
+    asked("answer not understood, rename taken back", "perhaps,rename,back)? |,o,o,o", 0,
+          "Done: 4 copied, 0 skipped", "dst/src/a.txt=a dst/src/b.txt=b");
+    asked("quit", "q", 1, "Quit: 0 copied, 0 skipped, 0 failed",
+          "dst/src/a.txt=old dst/src/c.txt=- dst/d.txt=old");
+    asked("end of input", "^D", 1, "Quit: 0 copied", "dst/src/a.txt=old dst/src/c.txt=-");
 
     const char *oneOld = "dst/src/a.txt=old";
     AddRow("--depth 0, overwritten", "--depth 0 @/src @/dst", oneOld, "o", 0,
@@ -228,24 +217,21 @@ void tst_TrellisCopy::runs_data()
     // A source that never ends keeps the copy busy; 99% is the copier's own
     // report from inside the file.
     AddRow("Ctrl-C during a copy", "/dev/zero @/dst", "", " 99% |^C", 130,
-           "stopped while copying /dev/zero; its copy may be incomplete|Interrupted: 0 copied, 0 "
-           "skipped, 0 failed",
-           "");
+           "stopped while copying /dev/zero; its copy may be incomplete|"
+           "Interrupted: 0 copied, 0 skipped, 0 failed");
 
     // No file can be created below a file, not even by root.
     const char *blocked = "dst/src=blocked";
     AddRow("failures, continue", "@/src @/dst", blocked, "c,continue,c", 1,
-           "could not copy @/src/a.txt|could not copy @/src/b.txt|could not copy @/src/c.txt|Done: "
-           "0 copied, 0 skipped, 3 failed",
+           "could not copy @/src/a.txt|could not copy @/src/b.txt|could not copy @/src/c.txt|"
+           "Done: 0 copied, 0 skipped, 3 failed",
            "dst/src=blocked");
     AddRow("failures, quit", "@/src @/dst", blocked, "q", 1,
-           "could not copy @/src/a.txt|!could not copy @/src/b.txt|Quit: 0 copied, 0 skipped, 1 "
-           "failed",
-           "");
+           "could not copy @/src/a.txt|!could not copy @/src/b.txt|"
+           "Quit: 0 copied, 0 skipped, 1 failed");
     AddRow("failures without a terminal", "@/src @/dst", blocked, "", 1,
-           "could not copy @/src/a.txt|could not copy @/src/c.txt|Done: 0 copied, 0 skipped, 3 "
-           "failed",
-           "");
+           "could not copy @/src/a.txt|could not copy @/src/c.txt|"
+           "Done: 0 copied, 0 skipped, 3 failed");
 }
 
 void tst_TrellisCopy::runs()
