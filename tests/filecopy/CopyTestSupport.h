@@ -13,7 +13,9 @@
 
 #include <unistd.h>
 
-// A pass ends with sync(), which can take long on a disk that other programs keep busy.
+// A pass ends with sync(), which can take long on a disk that other programs
+// keep busy, and sanitizer builds on a loaded machine are slow. Only a failing
+// test waits this long.
 constexpr int PassTimeout = 120000;
 
 // Creates the entries of spec, separated by spaces, under root: "path=text" a

@@ -19,10 +19,6 @@
 
 namespace {
 
-// Generous: the program ends each batch with sync(), and sanitizer builds on
-// a loaded machine are slow. Only a failing test waits this long.
-constexpr int Timeout = 120000;
-
 // trellis-copy with its standard input, output and error on a
 // pseudo-terminal of its own, as a user at a terminal would run it, or with
 // its input from /dev/null and its output and errors on one pipe; its
@@ -74,7 +70,7 @@ public:
     // the end of the output; false at the deadline (or the end).
     bool WaitFor(const QByteArray &text = QByteArray())
     {
-        const QDeadlineTimer deadline(Timeout);
+        const QDeadlineTimer deadline(PassTimeout);
         int at = -1;
         while (text.isEmpty() || (at = output.indexOf(text, m_searchFrom)) < 0) {
             struct pollfd ready = { m_fd, POLLIN, 0 };
@@ -253,8 +249,7 @@ void tst_TrellisCopy::runs()
     Run run(resolved(command).split(QLatin1Char(' '), Qt::SkipEmptyParts), terminal,
             root + QStringLiteral("/src"));
     int prompts = 0;
-    for (const QString &answer :
-         answers.isEmpty() ? QStringList() : answers.split(QLatin1Char(','))) {
+    for (const QString &answer : answers.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
         const QString awaited = answer.contains(QLatin1Char('|'))
                 ? answer.section(QLatin1Char('|'), 0, 0)
                 : QStringLiteral("quit? ");
