@@ -166,10 +166,9 @@ void tst_TFileCopyTask::batches_data()
         const QByteArray copy = "Copy:" + QByteArray::number(depth);
         // Hidden entries are copied only when named as sources.
         AddRow(copy + ":.direct . copies the tree",
-               "src/top.txt=t src/d1/x.txt=x src/d1/d2/y.txt=y src/d1/zero.txt= src/d1/empty/ "
-               "src/Empty2/ src/d1/.hidden.txt=h src/d1/.hiddendir/x.txt=x "
-               "src/onlyhidden/.secret=s "
-               "src/.direct=d",
+               "src/top.txt=t src/d1/x.txt=x src/d1/d2/y.txt=y src/d1/zero.txt= "
+               "src/d1/empty/ src/Empty2/ src/d1/.hidden.txt=h src/d1/.hiddendir/x.txt=x "
+               "src/onlyhidden/.secret=s src/.direct=d",
                copy + ":.direct .", "..., P 100 8 0, S 4 -",
                "dst=/.direct,d1,Empty2,onlyhidden,top.txt dst/d1=/d2,empty,x.txt,zero.txt "
                "dst/d1/d2=/y.txt dst/d1/empty=/ dst/Empty2=/ dst/onlyhidden=/ dst/top.txt=t "
