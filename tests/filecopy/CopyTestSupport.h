@@ -6,12 +6,11 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QThread>
 #include <QtTest>
 
 #include <atomic>
-
-#include <unistd.h>
 
 // A pass ends with sync(), which can take long on a disk that other programs
 // keep busy, and sanitizer builds on a loaded machine are slow. Only a failing
@@ -24,8 +23,8 @@ constexpr int PassTimeout = 120000;
 inline void MakeTree(const QString &root, const QString &spec)
 {
     for (const QString &entry : spec.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
-        const QString path
-                = root + QLatin1Char('/') + entry.section(QRegExp(QStringLiteral("=|#|->")), 0, 0);
+        const QString path = root + QLatin1Char('/')
+                + entry.section(QRegularExpression(QStringLiteral("=|#|->")), 0, 0);
         QVERIFY(QDir().mkpath(entry.endsWith(QLatin1Char('/')) ? path : QFileInfo(path).path()));
         if (entry.contains(QLatin1String("->"))) {
             QVERIFY(QFile::link(entry.section(QLatin1String("->"), 1), path));

@@ -211,15 +211,7 @@ void tst_TFileCopyTask::batches()
     const QString src = tmp.path() + QStringLiteral("/src");
     MakeTree(tmp.path(), tree);
     TFileCopyTask task;
-    Worker thread; // destroyed, and so finished, before the task
     CopyTaskRecorder recorder(&task, src);
-    qRegisterMetaType<Action>("EFileExistsAction");
-    const Qt::ConnectionType call = worker ? Qt::QueuedConnection : Qt::DirectConnection;
-    if (worker) {
-        thread.start();
-        thread.MoveToThisThread(&task);
-    }
-
     // Stop() is the one call a receiver inside the pass may make.
     std::atomic<int> reportsToStop { 0 };
     QObject::connect(
@@ -229,11 +221,18 @@ void tst_TFileCopyTask::batches()
                     task.Stop();
             },
             Qt::DirectConnection);
+    qRegisterMetaType<Action>("EFileExistsAction");
+    const Qt::ConnectionType call = worker ? Qt::QueuedConnection : Qt::DirectConnection;
+    Worker thread; // destroyed, and so finished, before all that a pass uses
+    if (worker) {
+        thread.start();
+        thread.MoveToThisThread(&task);
+    }
 
     int passes = 0, copies = 0;
     for (const QString &step :
          steps.replace(QLatin1Char('@'), tmp.path()).split(QStringLiteral(", "))) {
-        for (QString action : step.split(QLatin1Char('+'))) {
+        for (const QString &action : step.split(QLatin1Char('+'))) {
             const QStringList word = action.split(QLatin1Char(':'));
             const QByteArray name = word[0].toLatin1();
             if (name == "Copy") {
