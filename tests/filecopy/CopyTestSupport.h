@@ -1,16 +1,11 @@
 #ifndef TRELLIS_COPYTESTSUPPORT_H
 #define TRELLIS_COPYTESTSUPPORT_H
 
-#include <Trellis/TFileCopyTask.h>
-
 #include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QThread>
 #include <QtTest>
-
-#include <atomic>
 
 // A pass ends with sync(), which can take long on a disk that other programs
 // keep busy, and sanitizer builds on a loaded machine are slow. Only a failing
@@ -63,45 +58,5 @@ inline void CheckFiles(const QString &root, const QString &spec)
         }
     }
 }
-
-// Records the signals of a task in the order they reach the recorder's thread,
-// as text: "P percent copied skipped" for Progress(), "F path" for
-// FileCopied() and "S state path" for State(), with paths relative to root and
-// "-" for an empty QFileInfo.
-class CopyTaskRecorder : public QObject
-{
-public:
-    CopyTaskRecorder(TFileCopyTask *task, const QString &root) : root(root)
-    {
-        connect(task, &TFileCopyTask::State, this, [this](int state, const QFileInfo &file) {
-            events << QStringLiteral("S %1 %2").arg(state).arg(Name(file));
-            ++states;
-        });
-        connect(task, &TFileCopyTask::Progress, this, [this](int percent, int copied, int skipped) {
-            events << QStringLiteral("P %1 %2 %3").arg(percent).arg(copied).arg(skipped);
-        });
-        connect(task, &TFileCopyTask::FileCopied, this,
-                [this](const QFileInfo &file) { events << QStringLiteral("F ") + Name(file); });
-        const auto noteThread
-                = [this, task] { emittedElsewhere += QThread::currentThread() != task->thread(); };
-        connect(task, &TFileCopyTask::State, this, noteThread, Qt::DirectConnection);
-        connect(task, &TFileCopyTask::Progress, this, noteThread, Qt::DirectConnection);
-        connect(task, &TFileCopyTask::FileCopied, this, noteThread, Qt::DirectConnection);
-    }
-
-    QString Name(const QFileInfo &file) const
-    {
-        return file.filePath().isEmpty() ? QStringLiteral("-")
-                                         : QDir(root).relativeFilePath(file.absoluteFilePath());
-    }
-
-    const QString root;
-    QStringList events;
-    // Counted here rather than by a QSignalSpy, which would count in the
-    // emitting thread, ahead of the queued events.
-    int states = 0;
-    // The signals emitted outside the task's own thread.
-    std::atomic<int> emittedElsewhere { 0 };
-};
 
 #endif // TRELLIS_COPYTESTSUPPORT_H

@@ -2,16 +2,21 @@
 
 #include "QtCompat.h"
 
+#include <Trellis/TFileCopyTask.h>
 #include <Trellis/TThreadedObject.h>
 
 #include <QMetaMethod>
 #include <QRegularExpression>
+#include <QThread>
 #include <QtTest>
+
+#include <atomic>
 
 using Action = TFileCopyTask::EFileExistsAction;
 
 namespace {
 
+// A worker thread that only runs its event loop.
 class Worker : public TThreadedObject
 {
 public:
@@ -26,6 +31,44 @@ public:
 protected:
     void Initialize() override { }
     void Finalize() override { }
+};
+
+// Records the signals of a task in the order they reach the recorder's thread,
+// as text: "P percent copied skipped" for Progress(), "F path" for
+// FileCopied() and "S state path" for State(), with paths relative to root and
+// "-" for an empty QFileInfo.
+class CopyTaskRecorder : public QObject
+{
+public:
+    CopyTaskRecorder(TFileCopyTask *task, const QString &root)
+    {
+        const auto name = [root](const QFileInfo &file) {
+            return file.filePath().isEmpty() ? QStringLiteral("-")
+                                             : QDir(root).relativeFilePath(file.absoluteFilePath());
+        };
+        connect(task, &TFileCopyTask::State, this, [this, name](int state, const QFileInfo &file) {
+            events << QStringLiteral("S %1 %2").arg(state).arg(name(file));
+            ++states;
+        });
+        connect(task, &TFileCopyTask::Progress, this, [this](int percent, int copied, int skipped) {
+            events << QStringLiteral("P %1 %2 %3").arg(percent).arg(copied).arg(skipped);
+        });
+        connect(task, &TFileCopyTask::FileCopied, this, [this, name](const QFileInfo &file) {
+            events << QStringLiteral("F ") + name(file);
+        });
+        const auto noteThread
+                = [this, task] { emittedElsewhere += QThread::currentThread() != task->thread(); };
+        connect(task, &TFileCopyTask::State, this, noteThread, Qt::DirectConnection);
+        connect(task, &TFileCopyTask::Progress, this, noteThread, Qt::DirectConnection);
+        connect(task, &TFileCopyTask::FileCopied, this, noteThread, Qt::DirectConnection);
+    }
+
+    QStringList events;
+    // Counted here rather than by a QSignalSpy, which would count in the
+    // emitting thread, ahead of the queued events.
+    int states = 0;
+    // The signals emitted outside the task's own thread.
+    std::atomic<int> emittedElsewhere { 0 };
 };
 
 // Adds a row of batches() twice: with the task in the test thread, and with

@@ -163,13 +163,11 @@ void tst_TrellisCopy::runs_data()
     AddRow("help", "--help", "", "", 0,
            "--on-conflict|--depth|overwrite all|skip all|rename|%1 in|quit|continue|"
            "Exit codes|130|Ctrl-C");
-    AddRow("trees from several parents", "@/src @/other/e.txt @/dst",
-           "src/sub/deeper/d.txt=d src/empty/ other/e.txt=e", "", 0,
-           "Done: 6 copied, 0 skipped, 0 failed", "src==dst/src dst/e.txt=e");
-
     const char *old = "dst/src/a.txt=old dst/src/b.txt=old";
-    AddRow("--on-conflict=overwrite", "--on-conflict=overwrite @/src @/dst", old, "", 0,
-           "Done: 3 copied, 0 skipped", "dst/src/a.txt=a dst/src/c.txt=c");
+    AddRow("--on-conflict=overwrite, trees from several parents",
+           "--on-conflict=overwrite @/src @/other/e.txt @/dst",
+           "dst/src/a.txt=old dst/src/b.txt=old src/sub/deeper/d.txt=d src/empty/ other/e.txt=e",
+           "", 0, "Done: 6 copied, 0 skipped, 0 failed", "src==dst/src dst/e.txt=e");
     AddRow("--on-conflict=skip", "--on-conflict=skip @/src @/dst", old, "", 0,
            "Done: 1 copied, 2 skipped", "dst/src/a.txt=old dst/src/c.txt=c");
     AddRow("--on-conflict=ask without a terminal", "--on-conflict=ask @/src @/dst", old, "", 1,
