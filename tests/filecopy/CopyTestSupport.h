@@ -12,12 +12,12 @@
 // test waits this long.
 constexpr int PassTimeout = 120000;
 
-// Creates the entries of spec, separated by spaces, under root: "path=text" a
+// Creates the entries of tree, separated by spaces, under root: "path=text" a
 // file holding text, "path#size" a file of size bytes, "path/" a directory and
 // "path->target" a symbolic link.
-inline void MakeTree(const QString &root, const QString &spec)
+inline void MakeTree(const QString &root, const QString &tree)
 {
-    for (const QString &entry : spec.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+    for (const QString &entry : tree.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
         const QString path = root + QLatin1Char('/')
                 + entry.section(QRegularExpression(QStringLiteral("=|#|->")), 0, 0);
         QVERIFY(QDir().mkpath(entry.endsWith(QLatin1Char('/')) ? path : QFileInfo(path).path()));
@@ -33,13 +33,13 @@ inline void MakeTree(const QString &root, const QString &spec)
     }
 }
 
-// Checks the entries of spec, separated by spaces, under root: "path=text" a
+// Checks the entries of checks, separated by spaces, under root: "path=text" a
 // file holding text, "path=-" nothing, "path=/a,b" a directory holding
 // exactly a and b (hidden or not), and "left==right" two trees that diff -r
 // finds equal.
-inline void CheckFiles(const QString &root, const QString &spec)
+inline void CheckFiles(const QString &root, const QString &checks)
 {
-    for (const QString &check : spec.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+    for (const QString &check : checks.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
         const QString path = root + QLatin1Char('/') + check.section(QLatin1Char('='), 0, 0);
         if (check.contains(QLatin1String("=="))) {
             const QString other = root + QLatin1Char('/') + check.section(QLatin1String("=="), 1);
