@@ -1,0 +1,62 @@
+#ifndef TRELLIS_COPYTESTSUPPORT_H
+#define TRELLIS_COPYTESTSUPPORT_H
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QtTest>
+
+// A pass ends with sync(), which can take long on a disk that other programs
+// keep busy, and sanitizer builds on a loaded machine are slow. Only a failing
+// test waits this long.
+constexpr int PassTimeout = 120000;
+
+// Creates the entries of tree, separated by spaces, under root: "path=text" a
+// file holding text, "path#size" a file of size bytes, "path/" a directory and
+// "path->target" a symbolic link.
+inline void MakeTree(const QString &root, const QString &tree)
+{
+    for (const QString &entry : tree.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+        const QString path = root + QLatin1Char('/')
+                + entry.section(QRegularExpression(QStringLiteral("=|#|->")), 0, 0);
+        QVERIFY(QDir().mkpath(entry.endsWith(QLatin1Char('/')) ? path : QFileInfo(path).path()));
+        if (entry.contains(QLatin1String("->"))) {
+            QVERIFY(QFile::link(entry.section(QLatin1String("->"), 1), path));
+        } else if (!entry.endsWith(QLatin1Char('/'))) {
+            const QByteArray content = entry.contains(QLatin1Char('='))
+                    ? entry.section(QLatin1Char('='), 1).toUtf8()
+                    : QByteArray(entry.section(QLatin1Char('#'), 1).toInt(), 'x');
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
+        }
+    }
+}
+
+// Checks the entries of checks, separated by spaces, under root: "path=text" a
+// file holding text, "path=-" nothing, "path=/a,b" a directory holding
+// exactly a and b (hidden or not), and "left==right" two trees that diff -r
+// finds equal.
+inline void CheckFiles(const QString &root, const QString &checks)
+{
+    for (const QString &check : checks.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+        const QString path = root + QLatin1Char('/') + check.section(QLatin1Char('='), 0, 0);
+        if (check.contains(QLatin1String("=="))) {
+            const QString other = root + QLatin1Char('/') + check.section(QLatin1String("=="), 1);
+            QCOMPARE(QProcess::execute(QStringLiteral("diff"),
+                                       { QStringLiteral("-r"), path, other }),
+                     0);
+        } else if (QFileInfo(path).isDir()) {
+            const auto all = QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot;
+            QCOMPARE(QLatin1Char('/') + QDir(path).entryList(all).join(QLatin1Char(',')),
+                     check.section(QLatin1Char('='), 1));
+        } else {
+            QFile file(path);
+            QCOMPARE(file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll())
+                                                    : QStringLiteral("-"),
+                     check.section(QLatin1Char('='), 1));
+        }
+    }
+}
+
+#endif // TRELLIS_COPYTESTSUPPORT_H
