@@ -130,14 +130,31 @@ void CollectEntries(const QFileInfo &info, QList<QFileInfo> &out, int depth)
     CollectInto(root, out, depth, descent);
 }
 
-// The destination prefix for an entry: a place marker stands for the entry's
+// A destination prefix, in which a place marker stands for each entry's
 // complete base name. QString::arg() warns about a text without one, and the
 // library writes no log, so such a prefix is used as it stands.
-QString PrefixFor(const QString &prefix, const QString &completeBaseName)
+class DestinationPrefix
 {
-    static const QRegularExpression placeMarker(QStringLiteral("%L?\\d"));
-    return prefix.contains(placeMarker) ? prefix.arg(completeBaseName) : prefix;
-}
+public:
+    explicit DestinationPrefix(const QString &text)
+        : text(text), hasPlaceMarker(text.contains(PlaceMarker()))
+    { }
+
+    QString For(const QFileInfo &entry) const
+    {
+        return hasPlaceMarker ? text.arg(entry.completeBaseName()) : text;
+    }
+
+private:
+    static const QRegularExpression &PlaceMarker()
+    {
+        static const QRegularExpression placeMarker(QStringLiteral("%L?\\d"));
+        return placeMarker;
+    }
+
+    const QString text;
+    const bool hasPlaceMarker;
+};
 
 // sourcePath with the match of pattern replaced by prefix, taken literally; a
 // null string when the pattern does not match.
@@ -178,6 +195,12 @@ public:
                 if (srcPattern.indexIn(item.absoluteFilePath()) < 0)
                     continue;
                 pending.append(item);
+                // The item was looked at moments ago; only a directory's
+                // size needs another look, at its contents.
+                if (!item.isDir()) {
+                    bytesTotal += item.size();
+                    continue;
+                }
                 QList<QFileInfo> entries;
                 CollectEntries(item, entries, WorkItemDepth);
                 for (const QFileInfo &entry : std::as_const(entries))
@@ -190,18 +213,20 @@ public:
 
     // A vanished item has no conflict; a file item also conflicts with the
     // name the copier will write, its extension lower-cased.
-    bool DestinationExists(const QFileInfo &item, const QString &prefix) const
+    bool DestinationExists(const QFileInfo &item, const DestinationPrefix &prefix) const
     {
         if (!item.exists())
             return false;
-        const QString destination = DestinationPath(item.absoluteFilePath(), srcPattern,
-                                                    PrefixFor(prefix, item.completeBaseName()));
+        const QString destination
+                = DestinationPath(item.absoluteFilePath(), srcPattern, prefix.For(item));
         if (destination.isNull())
             return false;
-        return QFileInfo::exists(destination)
-                || (item.isFile()
-                    && QFileInfo::exists(
-                            TFileSystemHelper::FileCopyLowerCaseDestFilename(destination)));
+        if (QFileInfo::exists(destination))
+            return true;
+        if (!item.isFile())
+            return false;
+        const QString written = TFileSystemHelper::FileCopyLowerCaseDestFilename(destination);
+        return written != destination && QFileInfo::exists(written);
     }
 
     int RunningPercent() const
@@ -328,7 +353,7 @@ void TFileCopyTask::Run()
 
     bool stopped = false;
     while (d->state == StateCopying) {
-        const QString prefix = d->EffectivePrefix();
+        const DestinationPrefix prefix(d->EffectivePrefix());
         const QFileInfo item = Detached(d->pending.constLast());
         bool skip = false;
         if (d->DestinationExists(item, prefix)) {
@@ -352,8 +377,7 @@ void TFileCopyTask::Run()
                 if (skip) {
                     ++d->filesSkipped;
                     d->bytesDone += entry.size();
-                } else if (CopyFile(entry, d->srcPattern,
-                                    PrefixFor(prefix, entry.completeBaseName()))) {
+                } else if (CopyFile(entry, d->srcPattern, prefix.For(entry))) {
                     ++d->filesCopied;
                     emit FileCopied(Detached(entry));
                 } else {

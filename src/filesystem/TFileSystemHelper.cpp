@@ -125,7 +125,7 @@ public:
         : m_destination(destination),
           m_capacity(std::clamp((expectedSize + CopyChunkSize - 1) / CopyChunkSize * CopyChunkSize,
                                 CopyChunkSize, WriteBatchSize)),
-          m_buffer(std::make_unique<char[]>(std::size_t(m_capacity)))
+          m_buffer(new char[std::size_t(m_capacity)])
     { }
 
     // Room for the next chunk, after the chunks gathered so far; flushes
@@ -463,11 +463,14 @@ QString TFileSystemHelper::FileCopyLowerCaseDestFilename(const QString &path)
 {
     static const QRegExp extension(CaseInsensitiveFilenameExtensionRegExp());
     // A match records its captures in the pattern object, so each call
-    // matches with its own; it is built from the shared pattern's constant
-    // properties alone, which any number of threads may read at once.
-    QRegExp matcher(extension.pattern(), extension.caseSensitivity(), extension.patternSyntax());
+    // matches with a copy of its own. The shared pattern is never matched
+    // itself, so copying it only reads it (and shares its compiled form),
+    // which any number of threads may do at once.
+    QRegExp matcher(extension);
+    // The pattern ends in '$', so only the last four characters can match:
+    // the search starts there rather than trying every position before.
     QString result = path;
-    const int position = matcher.indexIn(result);
+    const int position = matcher.indexIn(result, std::max(0, int(result.size()) - 4));
     if (position >= 0) {
         const QString lowered = matcher.cap(0).toLower();
         result.replace(position, lowered.size(), lowered);
