@@ -6,9 +6,7 @@
 #include <Trellis/TThreadedObject.h>
 
 #include <QMetaMethod>
-#include <QRegularExpression>
 #include <QThread>
-#include <QtTest>
 
 #include <atomic>
 
@@ -16,59 +14,17 @@ using Action = TFileCopyTask::EFileExistsAction;
 
 namespace {
 
-// A worker thread that only runs its event loop.
-class Worker : public TThreadedObject
+// A worker thread that only runs its event loop, finished when destroyed.
+struct Worker : TThreadedObject
 {
-public:
     Worker() : TThreadedObject(QStringLiteral("copier")) { }
-    // A failed check returns early; the thread must not outlive the object.
     ~Worker() override
     {
         Stop();
         wait();
     }
-
-protected:
     void Initialize() override { }
     void Finalize() override { }
-};
-
-// Records the signals of a task in the order they reach the recorder's thread,
-// as text: "P percent copied skipped" for Progress(), "F path" for
-// FileCopied() and "S state path" for State(), with paths relative to root and
-// "-" for an empty QFileInfo.
-class CopyTaskRecorder : public QObject
-{
-public:
-    CopyTaskRecorder(TFileCopyTask *task, const QString &root)
-    {
-        const auto name = [root](const QFileInfo &file) {
-            return file.filePath().isEmpty() ? QStringLiteral("-")
-                                             : QDir(root).relativeFilePath(file.absoluteFilePath());
-        };
-        connect(task, &TFileCopyTask::State, this, [this, name](int state, const QFileInfo &file) {
-            events << QStringLiteral("S %1 %2").arg(state).arg(name(file));
-            ++states;
-        });
-        connect(task, &TFileCopyTask::Progress, this, [this](int percent, int copied, int skipped) {
-            events << QStringLiteral("P %1 %2 %3").arg(percent).arg(copied).arg(skipped);
-        });
-        connect(task, &TFileCopyTask::FileCopied, this, [this, name](const QFileInfo &file) {
-            events << QStringLiteral("F ") + name(file);
-        });
-        const auto noteThread
-                = [this, task] { emittedElsewhere += QThread::currentThread() != task->thread(); };
-        connect(task, &TFileCopyTask::State, this, noteThread, Qt::DirectConnection);
-        connect(task, &TFileCopyTask::Progress, this, noteThread, Qt::DirectConnection);
-        connect(task, &TFileCopyTask::FileCopied, this, noteThread, Qt::DirectConnection);
-    }
-
-    QStringList events;
-    // Counted here rather than by a QSignalSpy, which would count in the
-    // emitting thread, ahead of the queued events.
-    int states = 0;
-    // The signals emitted outside the task's own thread.
-    std::atomic<int> emittedElsewhere { 0 };
 };
 
 // Adds a row of batches() twice: with the task in the test thread, and with
@@ -118,19 +74,28 @@ void tst_TFileCopyTask::metaObject()
     QVERIFY(QtCompat::MetaTypeIdByName("QFileInfo") != QMetaType::UnknownType);
 }
 
-// A row creates a tree (see MakeTree()) in a temporary directory, runs steps
-// on a task, then compares the signals with events (see CopyTaskRecorder; a
-// "*" matches any text within an event, and "..." any events)
-// and checks the files (see CheckFiles()). Steps are separated by ", " and
-// end once every pass they queued has emitted State(); the actions of a step,
-// separated by "+", are:
+// A row creates a tree (see MakeTree()) in a temporary directory, runs its
+// steps on one task, then matches the task's signals against events and
+// checks the files (see CheckFiles()).
+//
+// steps: separated by ", "; each step waits until every pass queued so far
+// has emitted State(). A step holds one or more actions separated by "+":
 //   Copy:depth:sources[:srcPrefix[:destPrefix]]  CopyFiles() of the sources
-//       in src/, separated by spaces; the source prefix is src/ and the
-//       destination prefix dst/ unless given.
-//   Slot[:action[:prefix]]  a slot, by name.
-//   StopAtReport:n  Stop() by the receiver of the n-th Progress() from now.
+//       (names in src/, separated by spaces); the source prefix is src/ and
+//       the destination prefix dst/ unless given.
+//   Slot[:action[:prefix]]  calls the slot of that name, e.g. ContinueSkip,
+//       Continue:4 (SkipAll) or ContinueRename:0:@/alt.
+//   StopAtReport:n  the receiver of the n-th Progress() from now calls Stop().
 //   Remove:path  deletes a file.
-// In steps, "@" stands for the temporary directory.
+// "@" stands for the temporary directory.
+//
+// events: every signal, in order, separated by ", ":
+//   "P percent copied skipped"  Progress()
+//   "F path"                    FileCopied(), path relative to src/
+//   "S state path"              State(), "-" for an empty QFileInfo
+// "*" matches any text within one event, "..." any run of events.
+// Each row runs twice: with the task in the test thread, then in a worker
+// thread, where the slots are called through queued connections.
 void tst_TFileCopyTask::batches_data()
 {
     QTest::addColumn<bool>("worker");
@@ -254,16 +219,36 @@ void tst_TFileCopyTask::batches()
     const QString src = tmp.path() + QStringLiteral("/src");
     MakeTree(tmp.path(), tree);
     TFileCopyTask task;
-    CopyTaskRecorder recorder(&task, src);
+    // Each signal is noted as text (see batches_data()) in the emitting
+    // thread, then queued to the test thread unless emitted there; received
+    // holds them in the order they reach the test thread.
+    QStringList received;
+    int states = 0, emittedElsewhere = 0; // the signals emitted outside the task's thread
+    QObject receiver; // drops what is still queued when a check fails
+    const auto record = [&](const QString &event) {
+        const bool elsewhere = QThread::currentThread() != task.thread();
+        QMetaObject::invokeMethod(&receiver, [&, event, elsewhere] {
+            received << event;
+            states += event.startsWith(QLatin1Char('S'));
+            emittedElsewhere += elsewhere;
+        });
+    };
+    const auto relative = [&src](const QFileInfo &file) {
+        return file.filePath().isEmpty() ? QStringLiteral("-")
+                                         : QDir(src).relativeFilePath(file.absoluteFilePath());
+    };
+    QObject::connect(&task, &TFileCopyTask::State, [&](int state, const QFileInfo &file) {
+        record(QStringLiteral("S %1 %2").arg(state).arg(relative(file)));
+    });
+    QObject::connect(&task, &TFileCopyTask::FileCopied,
+                     [&](const QFileInfo &file) { record(QStringLiteral("F ") + relative(file)); });
     // Stop() is the one call a receiver inside the pass may make.
     std::atomic<int> reportsToStop { 0 };
-    QObject::connect(
-            &task, &TFileCopyTask::Progress, &task,
-            [&] {
-                if (reportsToStop > 0 && --reportsToStop == 0)
-                    task.Stop();
-            },
-            Qt::DirectConnection);
+    QObject::connect(&task, &TFileCopyTask::Progress, [&](int percent, int copied, int skipped) {
+        record(QStringLiteral("P %1 %2 %3").arg(percent).arg(copied).arg(skipped));
+        if (reportsToStop > 0 && --reportsToStop == 0)
+            task.Stop();
+    });
     qRegisterMetaType<Action>("EFileExistsAction");
     const Qt::ConnectionType call = worker ? Qt::QueuedConnection : Qt::DirectConnection;
     Worker thread; // destroyed, and so finished, before all that a pass uses
@@ -272,7 +257,7 @@ void tst_TFileCopyTask::batches()
         thread.MoveToThisThread(&task);
     }
 
-    int passes = 0, copies = 0;
+    int passes = 0;
     for (const QString &step :
          steps.replace(QLatin1Char('@'), tmp.path()).split(QStringLiteral(", "))) {
         for (const QString &action : step.split(QLatin1Char('+'))) {
@@ -287,7 +272,6 @@ void tst_TFileCopyTask::batches()
                                                        : word[4],
                                word[1].toInt());
                 ++passes;
-                ++copies;
             } else if (name == "StopAtReport") {
                 reportsToStop = word[1].toInt();
             } else if (name == "Remove") {
@@ -302,10 +286,10 @@ void tst_TFileCopyTask::batches()
                 passes += name.startsWith("Continue"); // those queue a pass
             }
         }
-        QTRY_COMPARE_WITH_TIMEOUT(recorder.states, passes, PassTimeout);
+        QTRY_COMPARE_WITH_TIMEOUT(states, passes, PassTimeout);
     }
 
-    const QString actual = recorder.events.join(QStringLiteral(", "));
+    const QString actual = received.join(QStringLiteral(", "));
     const QString pattern = QRegularExpression::escape(events)
                                     .replace(QLatin1String("\\*"), QLatin1String("[^,]*"))
                                     .replace(QLatin1String("\\.\\.\\."), QLatin1String(".*"));
@@ -317,7 +301,7 @@ void tst_TFileCopyTask::batches()
     QVERIFY2(!actual.contains(QRegularExpression(QStringLiteral("P 100 [^,]*, (F|P \\d\\d?) "))),
              qPrintable(actual));
     // In a worker, only the Progress(0, 0, 0) of CopyFiles() comes from the calling thread.
-    QCOMPARE(recorder.emittedElsewhere.load(), worker ? copies : 0);
+    QCOMPARE(emittedElsewhere, worker ? int(steps.count(QLatin1String("Copy:"))) : 0);
     CheckFiles(tmp.path(), files);
 }
 
