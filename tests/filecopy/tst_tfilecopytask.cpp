@@ -150,8 +150,7 @@ void tst_TFileCopyTask::batches_data()
     // Split one level, d gives the item d/sub. dst/d is a file, so nothing
     // can be written below it, as root neither. The rest of the failed item
     // (y.txt) is dropped.
-    const char *failing
-            = "src/a.txt=new src/b.txt=new src/d/sub/x.txt=new src/d/sub/y.txt=new dst/d=file";
+    const char *failing = "src/a.txt=a src/b.txt=b src/d/sub/x.txt=x src/d/sub/y.txt=y dst/d=file";
     AddRow("a failure with items left pauses", failing, "Copy:1:a.txt d b.txt, ContinueSkip",
            "P 0 0 0, P 25 0 0, F b.txt, S 3 a.txt, P 50 1 0, F a.txt, P 100 2 0, S 4 -",
            "dst/d=file");
