@@ -30,7 +30,8 @@ void tst_TCommBuffer::blockAtEveryPosition_data()
 
 // A block written at any position of a buffer, wrapping or not, takes exactly
 // its room, a write of one byte more than the rest is refused whole, and the
-// block reads back in order, in one piece or in two. Bad counts and null
+// block reads back in order (reads of part of what is there are in the stream
+// test). Bad counts and null
 // pointers change nothing; a size below 1 gives a buffer that holds nothing.
 void tst_TCommBuffer::blockAtEveryPosition()
 {
@@ -54,8 +55,7 @@ void tst_TCommBuffer::blockAtEveryPosition()
         QCOMPARE(buffer.Read(bytes, bad), -1);
     QCOMPARE(buffer.Read(nullptr, 1), -1);
     QCOMPARE(buffer.Read(nullptr, 0), 0);
-    QCOMPARE(buffer.Read(bytes, count / 2), count / 2);
-    QCOMPARE(buffer.Read(bytes + count / 2, INT_MAX), count - count / 2);
+    QCOMPARE(buffer.Read(bytes, INT_MAX), count);
     QCOMPARE(QByteArray(bytes, count), QByteArray("abcdefghi", count));
     QCOMPARE(buffer.GetFree(), capacity);
 }

@@ -13,7 +13,8 @@
 // (its own process, because the hook is process-wide).
 
 // What happened, in order, each word followed by a space; "main:" marks what
-// ran in the main thread.
+// ran in the main thread. The test reads and clears it only when no worker
+// thread runs.
 static QMutex logMutex;
 static QString eventLog;
 
@@ -24,16 +25,10 @@ static void record(const QString &what)
     eventLog += (inMain ? QStringLiteral("main:") : QString()) + what + QLatin1Char(' ');
 }
 
-static QString takeLog()
-{
-    const QMutexLocker locker(&logMutex);
-    return std::exchange(eventLog, {});
-}
-
 // A threaded object that logs its five signals (through direct connections)
-// and its hooks. Initialize() reads its thread's name from the kernel, and
-// logs "Initialize" only if wait() refuses at once to wait on its own thread
-// (with a warning that each start() must expect).
+// and its hooks. Initialize() logs its thread's name as the kernel has it, then
+// "Initialize" only if wait() refuses at once to wait on its own thread (with
+// a warning that each start() must expect).
 class RecordingWorker : public TThreadedObject
 {
 public:
@@ -53,13 +48,12 @@ public:
     // nor log its last AboutToStop().
     ~RecordingWorker() override { disconnect(), Stop(), wait(); }
 
-    QByteArray osName; // the kernel's name of the worker thread in the last run
-
 protected:
     void Initialize() override
     {
         QFile comm(QStringLiteral("/proc/self/task/%1/comm").arg(gettid()));
-        osName = comm.open(QIODevice::ReadOnly) ? comm.readAll().chopped(1) : "unreadable";
+        record(comm.open(QIODevice::ReadOnly) ? QString::fromLatin1(comm.readAll().trimmed())
+                                              : QStringLiteral("unreadable"));
         record(wait() ? QStringLiteral("waited") : QStringLiteral("Initialize"));
     }
     void Finalize() override { record(QStringLiteral("Finalize")); }
@@ -90,7 +84,7 @@ void tst_TThreadedObject::initTestCase()
 void tst_TThreadedObject::lifecycle_data()
 {
     QTest::addColumn<QString>("name");
-    QTest::addColumn<QByteArray>("osName"); // its first 15 bytes, in Latin-1
+    QTest::addColumn<QByteArray>("osName"); // the kernel's: the first 15 bytes in Latin-1
     QTest::newRow("15 bytes") << QStringLiteral("abcdefghijklmno") << QByteArray("abcdefghijklmno");
     QTest::newRow("20 characters")
             << QStringLiteral("Archive-Packer-No-19") << QByteArray("Archive-Packer-");
@@ -124,22 +118,21 @@ void tst_TThreadedObject::lifecycle()
             &worker, [&] { record(QStringLiteral("call")), ran.release(); }, Qt::QueuedConnection);
     QTest::ignoreMessage(QtWarningMsg, waitOnItself);
     worker.start();
-    QVERIFY(worker.isRunning());
-    QVERIFY(ran.tryAcquire(1, 60 * 1000));
+    QVERIFY(worker.isRunning() && ran.tryAcquire(1, 60 * 1000));
     worker.Stop();
     QVERIFY(worker.wait() && !worker.isRunning() && worker.wait());
-    QCOMPARE(worker.osName, osName);
-    const QString run = hook + QStringLiteral("AboutToInitialize Initialize Initialized ");
+    const QString run = hook
+            + QStringLiteral("AboutToInitialize %1 Initialize Initialized ")
+                      .arg(QString::fromLatin1(osName));
     const QString end = QStringLiteral("AboutToFinalize Finalize Finalized ");
-    QCOMPARE(takeLog(), stop + run + QStringLiteral("call ") + stop + end);
+    QCOMPARE(std::exchange(eventLog, {}), stop + run + QStringLiteral("call ") + stop + end);
 
     for (int attempt = 0; attempt < 10; ++attempt) {
         QTest::ignoreMessage(QtWarningMsg, waitOnItself);
         worker.start();
         worker.Stop();
         QVERIFY(worker.wait());
-        QCOMPARE(worker.osName, osName);
-        QString log = takeLog();
+        QString log = std::exchange(eventLog, {});
         QCOMPARE(log.count(stop), 1);
         QCOMPARE(log.remove(stop), run + end);
     }
