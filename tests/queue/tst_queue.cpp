@@ -1,17 +1,22 @@
+#include <Trellis/TCommBuffer.h>
 #include <Trellis/TQueue.h>
 
+#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QtTest>
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
 #include <memory>
 #include <thread>
 #include <vector>
 
-// Queues and their registry, which is process-wide: identifiers start at 1
-// because each test program is a fresh process, and registry() runs first.
-class tst_TQueue : public QObject
+// The two ways of passing data between threads: queues of messages with their
+// registry, which is process-wide (identifiers start at 1 because each test
+// program is a fresh process, and registry() runs first), and the byte ring
+// buffer.
+class tst_Queue : public QObject
 {
     Q_OBJECT
 
@@ -22,6 +27,9 @@ private slots:
     void racingCreatesAndDestroys();
     void producersAndConsumers_data();
     void producersAndConsumers();
+    void ringBufferBlockAtEveryPosition_data();
+    void ringBufferBlockAtEveryPosition();
+    void ringBufferStreamsBetweenThreads();
 };
 
 static constexpr unsigned int Untouched = 0xC0FFEE, Forever = TQueue::QueueWaitForever;
@@ -29,7 +37,7 @@ static constexpr unsigned int Untouched = 0xC0FFEE, Forever = TQueue::QueueWaitF
 // Identifiers count from 1, inert queues included; lookups by name and by
 // identifier; a deleted queue takes only the entries that refer to it with it.
 // (Destruction by identifier is in racingCreatesAndDestroys().)
-void tst_TQueue::registry()
+void tst_Queue::registry()
 {
     unsigned int code = Untouched;
     std::unique_ptr<TQueue> first(TQueue::CreateQueue(16, 4, QStringLiteral("first")));
@@ -71,7 +79,7 @@ void tst_TQueue::registry()
 // is 0 for an inert queue. The timeout is w for QueueWaitForever or a number;
 // without one the call does not wait. A message's bytes tell its length, so
 // that receiving lengths in order shows the messages arrived in order.
-void tst_TQueue::calls_data()
+void tst_Queue::calls_data()
 {
     QTest::addColumn<int>("messageSize");
     QTest::addColumn<int>("messageCount");
@@ -94,7 +102,7 @@ void tst_TQueue::calls_data()
     row("inert: count 0", 100, 0, "s10=2 s10/w=2 r10/w=x2 S10=2 n0");
 }
 
-void tst_TQueue::calls()
+void tst_Queue::calls()
 {
     QFETCH(int, messageSize);
     QFETCH(int, messageCount);
@@ -138,7 +146,7 @@ void tst_TQueue::calls()
 // Of two threads creating one name at once exactly one gets a queue; of two
 // destroying its identifier at once exactly one deletes it (a second delete
 // would show in the sanitizer build). Each round reuses the name.
-void tst_TQueue::racingCreatesAndDestroys()
+void tst_Queue::racingCreatesAndDestroys()
 {
     for (int round = 0; round < 500; ++round) {
         std::atomic<int> ready { 0 }, created { 0 }, refused { 0 }, deleted { 0 };
@@ -162,7 +170,7 @@ void tst_TQueue::racingCreatesAndDestroys()
     }
 }
 
-void tst_TQueue::producersAndConsumers_data()
+void tst_Queue::producersAndConsumers_data()
 {
     QTest::addColumn<int>("producers");
     QTest::addColumn<int>("consumers");
@@ -179,7 +187,7 @@ void tst_TQueue::producersAndConsumers_data()
 // arrives exactly once, and each producer's in the order they were sent.
 // Waiting calls block on a full or empty queue until another thread's call
 // wakes them (a lost wake-up hangs the test); calls that do not wait retry.
-void tst_TQueue::producersAndConsumers()
+void tst_Queue::producersAndConsumers()
 {
     QFETCH(int, producers);
     QFETCH(int, consumers);
@@ -224,6 +232,82 @@ void tst_TQueue::producersAndConsumers()
     QCOMPARE(queue.GetWaitingMessageCount(), 0);
 }
 
-QTEST_GUILESS_MAIN(tst_TQueue)
+void tst_Queue::ringBufferBlockAtEveryPosition_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::addColumn<int>("start");
+    QTest::addColumn<int>("count");
+    for (int start = 0; start < 8; ++start)
+        for (int count = 0; count <= 8; ++count)
+            QTest::addRow("size 8, start %d, %d bytes", start, count) << 8 << start << count;
+    for (const int size : { 0, -1, INT_MIN })
+        QTest::addRow("size %d", size) << size << 0 << 0;
+}
 
-#include "tst_tqueue.moc"
+// A block written at any position of a buffer, wrapping or not, takes exactly
+// its room, a write of one byte more than the rest is refused whole, and the
+// block reads back in order (reads of part of what is there are in the stream
+// test). Bad counts and null
+// pointers change nothing; a size below 1 gives a buffer that holds nothing.
+void tst_Queue::ringBufferBlockAtEveryPosition()
+{
+    QFETCH(int, size);
+    QFETCH(int, start);
+    QFETCH(int, count);
+    const int capacity = qMax(size, 0);
+    TCommBuffer buffer(size);
+    char bytes[16];
+    QVERIFY(buffer.Write("01234567", start));
+    QCOMPARE(buffer.Read(bytes, 8), start);
+    for (const int bad : { -1, INT_MIN, INT_MAX, capacity + 1 })
+        QVERIFY(!buffer.Write("abcdefghi", bad));
+    QVERIFY(!buffer.Write(nullptr, 1));
+    QVERIFY(buffer.Write(nullptr, 0));
+    QVERIFY(buffer.Write("abcdefghi", count));
+    QVERIFY(!buffer.Write("ABCDEFGHI", capacity + 1 - count));
+    QCOMPARE(buffer.GetUsed(), count);
+    QCOMPARE(buffer.GetFree(), capacity - count);
+    for (const int bad : { -1, INT_MIN })
+        QCOMPARE(buffer.Read(bytes, bad), -1);
+    QCOMPARE(buffer.Read(nullptr, 1), -1);
+    QCOMPARE(buffer.Read(nullptr, 0), 0);
+    QCOMPARE(buffer.Read(bytes, INT_MAX), count);
+    QCOMPARE(QByteArray(bytes, count), QByteArray("abcdefghi", count));
+    QCOMPARE(buffer.GetFree(), capacity);
+}
+
+// A writer and a reader stream several megabytes in random-sized pieces
+// through a small buffer whose size divides nothing evenly, retrying instead
+// of waiting; every byte arrives once and in order.
+void tst_Queue::ringBufferStreamsBetweenThreads()
+{
+    constexpr int Size = 1021, Total = 6 * 1024 * 1024;
+    QByteArray stream(Total, Qt::Uninitialized), received(Total, Qt::Uninitialized);
+    for (int i = 0; i < Total; ++i) // a lost, doubled or misplaced piece cannot go unnoticed
+        stream[i] = char(i ^ (i >> 7) ^ (i >> 13));
+    TCommBuffer buffer(Size);
+    std::thread writer([&] {
+        QRandomGenerator random(1);
+        for (int written = 0, count = 0; written < Total; written += count) {
+            count = qMin(int(random.bounded(1, Size + 1)), Total - written);
+            while (!buffer.Write(stream.constData() + written, count))
+                std::this_thread::yield();
+        }
+    });
+
+    QRandomGenerator random(2);
+    int read = 0;
+    for (int count = 0; read < Total && count >= 0; read += count) {
+        count = qMin(int(random.bounded(1, 2 * Size)), Total - read);
+        if ((count = buffer.Read(received.data() + read, count)) == 0)
+            std::this_thread::yield();
+    }
+    writer.join();
+    QCOMPARE(read, Total);
+    QCOMPARE(received, stream);
+    QCOMPARE(buffer.GetFree(), Size);
+}
+
+QTEST_GUILESS_MAIN(tst_Queue)
+
+#include "tst_queue.moc"
