@@ -105,7 +105,7 @@ void tst_TThreadedObject::lifecycle()
     QFETCH(QString, name);
     QFETCH(QByteArray, osName);
     const QString hook = ThreadNameProxy::proxy().load()
-            ? QString::fromLatin1(name.toLatin1()) + QLatin1Char(' ')
+            ? QString::fromLatin1(name.toLatin1() + ' ')
             : QString();
     const QString stop = QStringLiteral("main:AboutToStop ");
     QSemaphore ran; // outlives the worker's thread

@@ -2,7 +2,6 @@
 // public header through the umbrella and link with nothing but the package.
 #include <Trellis/Trellis.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 int main()
@@ -14,6 +13,5 @@ int main()
         || queue.ReceiveMsg(received, sizeof received, TQueue::QueueNoWait) != int(sizeof text))
         return 1;
     AlignedFree(std::malloc(32));
-    std::printf("consumer: Trellis works from an %s prefix\n", received);
     return 0;
 }
