@@ -87,13 +87,17 @@ void tst_Queue::calls_data()
                   const char *name = "q") {
         QTest::newRow(tag) << size << count << QString::fromLatin1(name) << QByteArray(script);
     };
-    row("size - 1 bytes, and none", 100, 3, "s99=0 s100=64 s0=0 n2 r99=99 r0=0 n0");
+    row("size - 1 bytes, and empty", 100, 3, "s99=0 s100=64 s0=0 n2 r99=99 r0=0 n0");
     row("negative lengths", 100, 3, "s-1=64 s-100/w=64 s0=0 r-1=x64 n0");
+    // The 50-byte message does not fit and is dropped; the next receive gets the next one.
     row("buffer as long, one short", 100, 2, "s50=0 s30=0 r49=x64 n1 s1=0 r30=30 r1=1");
+    // A fourth send finds no slot; once one is free, the queue wraps around in order.
     row("three slots", 10, 3, "s1=0 s2=0 s3=0 s4=1 n3 r9=1 s4=0 n3 r9=2 r9=3 r9=4 r9=x1 n0");
+    // Every timeout but the two is refused, after the length has been checked.
     row("other timeouts, after sizes", 100, 3,
         "s10/1=128 s10/1000=128 s200/7=64 s100/1=64 s9=0 r100/5=x128 r9/4294967294=x128 r9=9");
     row("by identifier", 8, 2, "S2=0 S8=64 S2/3=128 n1 R8/3=x128 R8=2 R8=x1");
+    // Inert queues check length and timeout, then answer 2, also by identifier (0).
     row("inert: no name", 100, 3, "s10=2 s10/w=2 s10/1=128 s100/1=64 S10=2 n0", "");
     row("inert: no name, receive", 100, 3, "r100=x2 r100/w=x2 r100/5=x128 R100/w=x2", "");
     row("inert: size 0", 0, 3, "s0=64 r10=x2 R10=x2 n0");

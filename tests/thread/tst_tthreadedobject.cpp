@@ -99,7 +99,8 @@ void tst_TThreadedObject::lifecycle_data()
 // AboutToStop() in the thread that calls Stop(). Run 0 is stopped once its
 // loop ran the queued call; the others are stopped at once, which may reach
 // the worker before, during or after Initialize(), and still finalises and
-// finishes the thread.
+// finishes the thread. (Objects moved into the worker's thread with
+// MoveToThisThread() are in the copy task test, which runs a task there.)
 void tst_TThreadedObject::lifecycle()
 {
     QFETCH(QString, name);
@@ -123,7 +124,7 @@ void tst_TThreadedObject::lifecycle()
         worker.Stop();
         QVERIFY(worker.wait() && !worker.isRunning() && worker.wait());
         QString log = std::exchange(eventLog, {});
-        QCOMPARE(log.count(stop), 1); // anywhere in the runs stopped at once
+        QCOMPARE(log.count(stop), 1); // at any place in the runs stopped at once
         QCOMPARE(log.remove(stop),
                  QStringLiteral("%1AboutToInitialize %2 Initialize Initialized %3AboutToFinalize "
                                 "Finalize Finalized ")
