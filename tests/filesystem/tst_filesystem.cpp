@@ -277,7 +277,10 @@ private slots:
             while (!stop)
                 TFileSystemHelper::FileCopyLowerCaseDestFilename(QStringLiteral("/f.XYZ"));
         });
-        const auto join = qScopeGuard([&] { stop = true, other.join(); });
+        const auto join = qScopeGuard([&] {
+            stop = true;
+            other.join();
+        });
         for (int round = 0; round < 5000; ++round)
             QCOMPARE(TFileSystemHelper::FileCopyLowerCaseDestFilename(path), lowerCased);
     }
