@@ -480,7 +480,7 @@ private slots:
 
     void failingPartWay()
     {
-        const QByteArray contents = randomBytes(1000000);
+        const QByteArray contents = randomBytes(6 * 1024 * 1024);
         QVERIFY(writeFile(QStringLiteral("source"), contents));
         QVERIFY(QFile::setPermissions(QStringLiteral("source"),
                                       QFile::ReadOwner | QFile::WriteOwner));
@@ -605,6 +605,8 @@ private slots:
                                               << "." << 3 << none << names("a.log c.txt");
         QTest::newRow("missing directory") << names("a.log") << "*"
                                            << "missing" << 4 << none << names("a.log");
+        QTest::newRow("plain file") << names("a.log") << "*"
+                                    << "a.log" << 4 << none << names("a.log");
         // In a sticky directory, only the owner of a file may remove it.
         if (::geteuid() == 0)
             QTest::newRow("some cannot be removed")
@@ -727,8 +729,8 @@ private slots:
     void archiveRoundTrips()
     {
         QFETCH(QByteArray, pack);
-        const QStringList files
-                = names("log|conf|--checkpoint=1|--checkpoint-action=exec=touch pwned|-v", '|');
+        const QStringList files = names(
+                "log|conf|a b*|--checkpoint=1|--checkpoint-action=exec=touch pwned|-v", '|');
         QVERIFY(writeFile(QStringLiteral("base/log"), randomBytes(70000)));
         QVERIFY(makeEntries(QStringLiteral("base"),
                             names("conf/a.ini|conf/deep/b * ?.ini", '|') + files.mid(2)));
@@ -743,15 +745,17 @@ private slots:
             QVERIFY(QDir::setCurrent(m_dir->path()));
             const QString archive = QStringLiteral("./")
                     + QFileInfo(QString::fromUtf8(pack.split(' ')[1])).fileName();
-            // Entries relative to the base, only the names taken for options with "./".
+            // Entries relative to the base, only the names tar would take for
+            // options with "./"; the names with a space and a '*' as they stand.
             QByteArray listing;
             QCOMPARE(run({ QStringLiteral("tar"), QStringLiteral("-tzf"), archive }, &listing), 0);
             QStringList members = names(listing.constData(), '\n');
             members.sort();
-            QCOMPARE(members,
-                     names("./--checkpoint-action=exec=touch pwned|./--checkpoint=1|./-v|conf/|"
-                           "conf/a.ini|conf/deep/|conf/deep/b * ?.ini|log",
-                           '|'));
+            QCOMPARE(
+                    members,
+                    names("./--checkpoint-action=exec=touch pwned|./--checkpoint=1|./-v|a b*|conf/|"
+                          "conf/a.ini|conf/deep/|conf/deep/b * ?.ini|log",
+                          '|'));
             QCOMPARE(run(names("tar -xzf") << archive << names("-C -out")), 0);
         }
         QCOMPARE(run(names("diff -r base ./-out")), 0);
