@@ -65,19 +65,16 @@ private slots:
     void offsetClock_data()
     {
         QTest::addColumn<int>("offset");
-        QTest::addColumn<QByteArray>("zone"); // which must not matter
-        QTest::newRow("none, east of UTC") << 0 << QByteArray("XST-5:30");
-        QTest::newRow("none, west of UTC") << 0 << QByteArray("YST8");
-        QTest::newRow("an hour behind") << -3600 << QByteArray("UTC0");
-        QTest::newRow("largest") << INT_MAX << QByteArray("UTC0");
-        QTest::newRow("smallest") << INT_MIN << QByteArray("UTC0");
+        QTest::newRow("none") << 0;
+        QTest::newRow("an hour behind") << -3600;
+        QTest::newRow("largest") << INT_MAX;
+        QTest::newRow("smallest") << INT_MIN;
     }
 
     void offsetClock()
     {
         QFETCH(int, offset);
-        QFETCH(QByteArray, zone);
-        setTimeZone(zone);
+        setTimeZone("XST-5:30"); // which must not matter
         const QDateTime before = QDateTime::currentDateTimeUtc();
         const QDateTime system = TLocalTime::systemDateTime();
         QVERIFY(system.timeSpec() == Qt::UTC && before <= system
