@@ -44,16 +44,6 @@ QList<int> fieldsOf(const QDateTime &dateTime)
     return { d.year(), d.month(), d.day(), t.hour(), t.minute(), t.second() };
 }
 
-int setClock(const QList<int> &f)
-{
-    return TLocalTime::SetDateTime(f[0], f[1], f[2], f[3], f[4], f[5]);
-}
-
-QDateTime utc(int year, int month, int day, int hour, int minute, int second = 0)
-{
-    return QDateTime(QDate(year, month, day), QTime(hour, minute, second), Qt::UTC);
-}
-
 } // namespace
 
 class tst_TLocalTime : public QObject
@@ -66,25 +56,25 @@ private slots:
         QCOMPARE(TLocalTime::GetOffset(), 0); // as loaded
         setTimeZone("UTC0");
     }
-    void cleanup() { TLocalTime::SetOffset(0); }
-
-    void setOffset_data()
+    void cleanup()
     {
-        QTest::addColumn<int>("offset");
-        QTest::addColumn<QByteArray>("zone"); // which must not matter
-        QTest::newRow("none, east of UTC") << 0 << QByteArray("XST-5:30");
-        QTest::newRow("none, west of UTC") << 0 << QByteArray("YST8");
-        QTest::newRow("an hour behind") << -3600 << QByteArray("UTC0");
-        QTest::newRow("largest") << INT_MAX << QByteArray("UTC0");
-        QTest::newRow("smallest") << INT_MIN << QByteArray("UTC0");
+        TLocalTime::SetOffset(0);
+        setTimeZone("UTC0");
     }
 
-    void setOffset()
+    void offsetClock_data()
+    {
+        QTest::addColumn<int>("offset");
+        QTest::newRow("none") << 0;
+        QTest::newRow("an hour behind") << -3600;
+        QTest::newRow("largest") << INT_MAX;
+        QTest::newRow("smallest") << INT_MIN;
+    }
+
+    void offsetClock()
     {
         QFETCH(int, offset);
-        QFETCH(QByteArray, zone);
-        setTimeZone(zone);
-        const auto restore = qScopeGuard([] { setTimeZone("UTC0"); });
+        setTimeZone("XST-5:30"); // which must not matter
         const QDateTime before = QDateTime::currentDateTimeUtc();
         const QDateTime system = TLocalTime::systemDateTime();
         QVERIFY(system.timeSpec() == Qt::UTC && before <= system
@@ -92,6 +82,12 @@ private slots:
         TLocalTime::SetOffset(offset);
         QCOMPARE(TLocalTime::GetOffset(), offset);
         QCOMPARE(matchingOffset({ offset }), 0);
+        // The monotonic counter has QElapsedTimer's clock and unit, whatever the offset.
+        QElapsedTimer first, last;
+        first.start();
+        const qint64 counter = TLocalTime::getCurrentTime();
+        last.start();
+        QVERIFY(first.msecsSinceReference() <= counter && counter <= last.msecsSinceReference());
     }
 
     // Writers keep switching the offset between two values whose bit patterns
@@ -102,16 +98,14 @@ private slots:
         TLocalTime::SetOffset(values[0]);
         std::atomic<bool> stop { false };
         std::atomic<int> wrongReads { 0 };
-        std::vector<std::thread> threads;
+        std::vector<std::thread> writers, readers;
         for (int phase = 0; phase < 2; ++phase) {
-            threads.emplace_back([&, phase] {
+            writers.emplace_back([&, phase] {
                 for (int i = phase; !stop; ++i)
                     TLocalTime::SetOffset(values[i % 2]);
             });
-        }
-        for (int reader = 0; reader < 2; ++reader) {
-            threads.emplace_back([&] {
-                // Reads until both values have shown up on the clock often, or a reading is wrong.
+            // Reads until both values have shown up on the clock often, or a reading is wrong.
+            readers.emplace_back([&] {
                 int seen[2] = { 0, 0 };
                 while ((seen[0] < 100 || seen[1] < 100) && wrongReads == 0) {
                     const int offset = TLocalTime::GetOffset();
@@ -123,11 +117,11 @@ private slots:
                 }
             });
         }
-        threads[3].join();
-        threads[2].join();
+        for (std::thread &reader : readers)
+            reader.join();
         stop = true;
-        for (int writer = 0; writer < 2; ++writer)
-            threads[writer].join();
+        for (std::thread &writer : writers)
+            writer.join();
         QCOMPARE(wrongReads.load(), 0);
     }
 
@@ -136,52 +130,40 @@ private slots:
         QTest::addColumn<QByteArray>("zone");
         QTest::addColumn<QList<int>>("fields"); // the wall-clock fields the clock is set to
         QTest::addColumn<QDateTime>("stamp"); // what a file gets then; none: refused
-        // The clock is set half a minute past a whole minute, so the stamp
+        // The clock is set half a minute past a whole minute (in UTC unless
+        // a zone east of UTC by some seconds is given), so that the stamp
         // drops the seconds even on a slow machine.
-        const QByteArray utc0("UTC0");
-        const QByteArray cet("CET-1CEST,M3.5.0,M10.5.0/3");
-        const QDateTime now = TLocalTime::systemDateTime();
-        for (qint64 distance :
-             { qint64(7200), qint64(-946728000), INT_MAX - 1000LL, INT_MIN + 1000LL }) {
-            QDateTime minute = now.addSecs(distance);
-            minute.setTime(QTime(minute.time().hour(), minute.time().minute()));
-            QTest::addRow("%lld seconds away", distance)
-                    << utc0 << fieldsOf(minute.addSecs(30)) << minute;
-        }
-        QTest::newRow("leap day") << utc0 << fieldsOf(utc(2000, 2, 29, 23, 59, 30))
-                                  << utc(2000, 2, 29, 23, 59);
-        QTest::newRow("before 1970")
-                << utc0 << fieldsOf(utc(1965, 6, 15, 8, 0, 30)) << utc(1965, 6, 15, 8, 0);
+        const auto set = [](const char *name, const QDateTime &minute, const char *zone = "UTC0",
+                            int east = 0) {
+            QTest::newRow(name) << QByteArray(zone) << fieldsOf(minute.addSecs(east + 30))
+                                << minute;
+        };
+        QDateTime now = TLocalTime::systemDateTime();
+        now.setTime(QTime(now.time().hour(), now.time().minute()));
+        set("two hours ahead", now.addSecs(7200));
+        const qint64 nearLimit = INT_MAX / 60 * 60 - 3600; // whole minutes
+        set("near the largest offset", now.addSecs(nearLimit));
+        set("near the smallest offset", now.addSecs(-nearLimit));
+        set("before 1970", QDateTime(QDate(1965, 6, 15), QTime(8, 0), Qt::UTC));
         // Around 2^31 seconds after 1970, where a 32-bit time_t ends.
-        QTest::newRow("last minute before 2^31 s")
-                << utc0 << fieldsOf(utc(2038, 1, 19, 3, 14, 30)) << utc(2038, 1, 19, 3, 14);
-        QTest::newRow("first minute past 2^31 s")
-                << utc0 << fieldsOf(utc(2038, 1, 19, 3, 15, 30)) << utc(2038, 1, 19, 3, 15);
-        QTest::newRow("past 2^31 s, east of UTC")
-                << QByteArray("XST-5:30") << fieldsOf(utc(2038, 1, 19, 8, 45, 30))
-                << utc(2038, 1, 19, 3, 15);
-        QTest::newRow("2040, winter time")
-                << cet << fieldsOf(utc(2040, 1, 15, 12, 34, 30)) << utc(2040, 1, 15, 11, 34);
-        QTest::newRow("2040, summer time")
-                << cet << fieldsOf(utc(2040, 7, 1, 12, 34, 30)) << utc(2040, 7, 1, 10, 34);
+        const QDateTime end32(QDate(2038, 1, 19), QTime(3, 14), Qt::UTC);
+        set("last minute before 2^31 s", end32);
+        set("first minute past 2^31 s", end32.addSecs(60));
+        set("past 2^31 s, east of UTC", end32.addSecs(60), "XST-5:30", 19800);
+        const char *cet = "CET-1CEST,M3.5.0,M10.5.0/3";
+        set("2040, winter time", QDateTime(QDate(2040, 1, 15), QTime(11, 34), Qt::UTC), cet, 3600);
+        set("2040, summer time", QDateTime(QDate(2040, 7, 1), QTime(10, 34), Qt::UTC), cet, 7200);
         // A target the clock cannot reach leaves the offset as it was.
-        const QDateTime refused;
-        QTest::newRow("month 13") << utc0 << QList<int> { 2024, 13, 1, 12, 0, 0 } << refused;
-        QTest::newRow("month 0") << utc0 << QList<int> { 2024, 0, 1, 12, 0, 0 } << refused;
-        QTest::newRow("31 February") << utc0 << QList<int> { 2024, 2, 31, 12, 0, 0 } << refused;
-        QTest::newRow("29 February, no leap year")
-                << utc0 << QList<int> { 2023, 2, 29, 12, 0, 0 } << refused;
-        QTest::newRow("day 0") << utc0 << QList<int> { 2024, 3, 0, 12, 0, 0 } << refused;
-        QTest::newRow("year 0") << utc0 << QList<int> { 0, 1, 1, 12, 0, 0 } << refused;
-        QTest::newRow("hour 24") << utc0 << QList<int> { 2024, 3, 5, 24, 0, 0 } << refused;
-        QTest::newRow("minute 60") << utc0 << QList<int> { 2024, 3, 5, 12, 60, 0 } << refused;
-        QTest::newRow("second 60") << utc0 << QList<int> { 2024, 3, 5, 12, 0, 60 } << refused;
-        QTest::newRow("negative second") << utc0 << QList<int> { 2024, 3, 5, 12, 0, -1 } << refused;
-        QTest::newRow("year 9999") << utc0 << QList<int> { 9999, 12, 31, 23, 59, 59 } << refused;
-        QTest::newRow("just past the largest offset")
-                << utc0 << fieldsOf(now.addSecs(INT_MAX + 100LL)) << refused;
-        QTest::newRow("just past the smallest offset")
-                << utc0 << fieldsOf(now.addSecs(INT_MIN - 10LL)) << refused;
+        const auto refuse = [](const char *name, const QList<int> &fields) {
+            QTest::newRow(name) << QByteArray("UTC0") << fields << QDateTime();
+        };
+        refuse("month 13", { 2024, 13, 1, 12, 0, 0 });
+        refuse("29 February, no leap year", { 2023, 2, 29, 12, 0, 0 });
+        refuse("hour 24", { 2024, 3, 5, 24, 0, 0 });
+        refuse("second 60", { 2024, 3, 5, 12, 0, 60 });
+        refuse("negative second", { 2024, 3, 5, 12, 0, -1 });
+        refuse("just past the largest offset", fieldsOf(now.addSecs(INT_MAX + 100LL)));
+        refuse("just past the smallest offset", fieldsOf(now.addSecs(INT_MIN - 100LL)));
     }
 
     void setDateTime()
@@ -190,12 +172,12 @@ private slots:
         QFETCH(QList<int>, fields);
         QFETCH(QDateTime, stamp);
         setTimeZone(zone);
-        const auto restore = qScopeGuard([] { setTimeZone("UTC0"); });
         TLocalTime::SetOffset(4321);
-        const int offset = setClock(fields);
+        const int offset = TLocalTime::SetDateTime(fields[0], fields[1], fields[2], fields[3],
+                                                   fields[4], fields[5]);
         QCOMPARE(TLocalTime::GetOffset(), offset);
         if (!stamp.isValid()) {
-            QCOMPARE(TLocalTime::GetOffset(), 4321);
+            QCOMPARE(offset, 4321);
             return;
         }
         const QDateTime target(QDate(fields[0], fields[1], fields[2]),
@@ -220,23 +202,6 @@ private slots:
         // A missing path is left alone.
         TLocalTime::setFileTime(dir.filePath(QStringLiteral("missing/file")));
         QVERIFY(!QFileInfo::exists(dir.filePath(QStringLiteral("missing"))));
-    }
-
-    void monotonicCounter()
-    {
-        QElapsedTimer before;
-        before.start();
-        if (before.clockType() != QElapsedTimer::MonotonicClock)
-            QSKIP("Qt does not use the monotonic clock here");
-        // Same clock and unit as QElapsedTimer, and the offset has nothing to do with it.
-        TLocalTime::SetOffset(INT_MIN);
-        const qint64 first = TLocalTime::getCurrentTime();
-        QElapsedTimer after;
-        after.start();
-        QVERIFY(first > 0 && before.msecsSinceReference() <= first
-                && first <= after.msecsSinceReference());
-        TLocalTime::SetOffset(INT_MAX);
-        QTRY_VERIFY(TLocalTime::getCurrentTime() > first);
     }
 };
 

@@ -1,0 +1,787 @@
+#include "programcommand.h"
+
+#include <Trellis/TFileHash.h>
+#include <Trellis/TFileSystemHelper.h>
+#include <Trellis/TLocalTime.h>
+
+#include <QDirIterator>
+#include <QHash>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QScopeGuard>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <thread>
+
+#include <sys/fsuid.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+QByteArray randomBytes(qint64 size, quint32 seed = 1)
+{
+    QByteArray bytes(int(size + 3) & ~3, Qt::Uninitialized);
+    QRandomGenerator(seed).fillRange(reinterpret_cast<quint32 *>(bytes.data()), bytes.size() / 4);
+    return bytes.left(int(size));
+}
+
+// Writes contents to path, creating missing parent directories.
+bool writeFile(const QString &path, const QByteArray &contents)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size();
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
+}
+
+// Splits a list written as one text: names("a b c") or names("a|b c", '|').
+QStringList names(const char *list, char separator = ' ')
+{
+    return QString::fromUtf8(list).split(QLatin1Char(separator), Qt::SkipEmptyParts);
+}
+
+// Makes, under root, "name" a file holding its own name, "name/" a directory
+// and "name->target" a symbolic link, with missing parent directories.
+bool makeEntries(const QString &root, const QStringList &entries)
+{
+    for (const QString &entry : entries) {
+        const int arrow = entry.indexOf(QLatin1String("->"));
+        const QString path = root + QLatin1Char('/') + (arrow > 0 ? entry.left(arrow) : entry);
+        if (!(arrow > 0 ? QDir().mkpath(QFileInfo(path).absolutePath())
+                              && QFile::link(entry.mid(arrow + 2), path)
+                      : entry.endsWith(QLatin1Char('/')) ? QDir().mkpath(path)
+                                                         : writeFile(path, entry.toUtf8())))
+            return false;
+    }
+    return true;
+}
+
+// The entry itself, a link not followed; all zero when it is missing.
+struct stat status(const QString &path)
+{
+    struct stat result = {};
+    ::lstat(QFile::encodeName(path).constData(), &result);
+    return result;
+}
+
+bool exists(const QString &path)
+{
+    return status(path).st_nlink > 0;
+}
+
+mode_t mode(const QString &path)
+{
+    return status(path).st_mode & 07777;
+}
+
+// What a tree holds, links not followed: relative path -> mode, modification
+// time and contents, link target or nothing for a directory. Equal snapshots
+// mean nothing was created, removed or written.
+QMap<QString, QString> snapshot(const QString &root)
+{
+    QMap<QString, QString> entries;
+    const QDir base(QDir(root).absolutePath());
+    QDirIterator it(base.path(),
+                    QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        const QFileInfo info = it.fileInfo();
+        const QString what = info.isSymLink() ? info.symLinkTarget()
+                : info.isDir()                ? QString()
+                                              : QString::fromLatin1(readFile(path).toHex());
+        entries.insert(base.relativeFilePath(path),
+                       QStringLiteral("%1 %2 %3")
+                               .arg(mode(path), 0, 8)
+                               .arg(status(path).st_mtime)
+                               .arg(what));
+    }
+    return entries;
+}
+
+// Runs a command (the program, then its arguments) and returns its exit
+// code, or -1 when it could not run.
+int run(QStringList command, QByteArray *output = nullptr)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(command.takeFirst(), command);
+    const bool ended
+            = process.waitForFinished(300000) && process.exitStatus() == QProcess::NormalExit;
+    if (output)
+        *output = process.readAll();
+    return ended ? process.exitCode() : -1;
+}
+
+// Runs filecopy_probe (a copy in a process of its own) with arguments, after
+// the command prefix.
+int runProbe(const QStringList &prefix, const QStringList &arguments, QByteArray *output = nullptr)
+{
+    return run(prefix
+                       + programCommand(QCoreApplication::applicationDirPath()
+                                        + QStringLiteral("/filecopy_probe"))
+                       + arguments,
+               output);
+}
+
+// The stamp TLocalTime::setFileTime() gives now, in seconds since the epoch.
+qint64 stampNow()
+{
+    const QDateTime now = TLocalTime::currentDateTime();
+    return now.toSecsSinceEpoch() - now.time().second();
+}
+
+// Whether path was stamped at a whole minute from the stamp before on.
+bool isStamped(const QString &path, qint64 before)
+{
+    const qint64 time = status(path).st_mtime;
+    return time >= before && time <= stampNow() && time % 60 == 0;
+}
+
+// Calls Unzip(archive, dir), Zip(archive, dir, files) or Zip(archive, files)
+// for how = "unzip archive dir", "zip archive dir" or "zip archive", with only
+// the directory bin on PATH when it is given.
+bool callTar(const char *how, const QStringList &files = {}, const char *bin = nullptr)
+{
+    const QByteArray path = qgetenv("PATH");
+    const auto restorePath = qScopeGuard([&] { qputenv("PATH", path); });
+    if (bin)
+        qputenv("PATH", QDir::current().absoluteFilePath(QLatin1String(bin)).toUtf8());
+    const QStringList call = names(how);
+    return call[0] == QLatin1String("unzip") ? TFileSystemHelper::Unzip(call[1], call[2])
+            : call.size() == 2               ? TFileSystemHelper::Zip(call[1], files)
+                                             : TFileSystemHelper::Zip(call[1], call[2], files);
+}
+
+} // namespace
+
+// Answers a copy's progress calls, true but for call number abortAt
+// (counting from 0), and checks that each reports bytes that had reached the
+// copy at path by then.
+class ProgressCounter : public QObject
+{
+    Q_OBJECT
+
+public:
+    QString path;
+    int abortAt = -1;
+    int calls = 0;
+    qint64 total = 0;
+    bool consistent = true;
+
+    Q_INVOKABLE bool OnBytesWritten(qint64 bytes)
+    {
+        total += bytes;
+        consistent = consistent && bytes > 0 && QFileInfo(path).size() == total;
+        return calls++ != abortAt;
+    }
+};
+
+// Each test works in a fresh temporary directory made the working directory.
+class tst_FileSystem : public QObject
+{
+    Q_OBJECT
+
+    std::unique_ptr<QTemporaryDir> m_dir;
+    const QString m_startDir = QDir::currentPath();
+
+private slots:
+    void initTestCase()
+    {
+        ::umask(022);
+        // In UTC, with the offset clock 400 days back, so that a stamp stands
+        // apart from the time a file was written.
+        qputenv("TZ", "UTC");
+        tzset();
+        TLocalTime::SetOffset(-400 * 24 * 3600);
+        // LeakSanitizer cannot inspect a process that is being traced.
+        qputenv("ASAN_OPTIONS", qgetenv("ASAN_OPTIONS") + ":detect_leaks=0");
+    }
+    void init()
+    {
+        m_dir = std::make_unique<QTemporaryDir>();
+        QVERIFY(QDir::setCurrent(m_dir->path()));
+    }
+    void cleanup() { QDir::setCurrent(m_startDir); }
+
+    void nameChecks_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<bool>("valid");
+        QTest::addColumn<QString>("madeValid"); // by GetValidFileName()
+        QTest::newRow("plain") << "Report (final)" << true << "Report (final)";
+        QTest::newRow("non-ASCII") << "Ärger中" << true << "Ärger中";
+        QTest::newRow("empty") << QString() << false << QString();
+        QTest::newRow("extension") << "report.txt" << false << "report_txt";
+        QTest::newRow("dots at both ends") << ".hidden." << false << "_hidden_";
+        for (const QChar c : QStringLiteral("\\/:*?\"<>|"))
+            QTest::addRow("contains %c", c.toLatin1()) << QString(c) + c << false << "__";
+    }
+
+    void nameChecks()
+    {
+        QFETCH(QString, name);
+        QFETCH(bool, valid);
+        QFETCH(QString, madeValid);
+        QCOMPARE(TFileSystemHelper::IsValidFileName(name), valid);
+        TFileSystemHelper::GetValidFileName(name);
+        QCOMPARE(name, madeValid);
+        QCOMPARE(TFileSystemHelper::IsValidFileName(name), !name.isEmpty());
+    }
+
+    void extensions_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("matched"); // A, U, L: by the any-, upper-, lower-case pattern
+        QTest::addColumn<QString>("lowerCased");
+        QTest::newRow("upper") << "/card/PHOTO.JPG" << QStringLiteral("AU-") << "/card/PHOTO.jpg";
+        QTest::newRow("mixed") << "Notes.TxT" << QStringLiteral("A--") << "Notes.txt";
+        QTest::newRow("lower") << "a.jpg" << QStringLiteral("A-L") << "a.jpg";
+        QTest::newRow("only an extension") << ".ABC" << QStringLiteral("AU-") << ".abc";
+        QTest::newRow("four letters") << "movie.MPEG" << QStringLiteral("---") << "movie.MPEG";
+        QTest::newRow("digit") << "data.X1Y" << QStringLiteral("---") << "data.X1Y";
+        QTest::newRow("not at the end") << "/DIR.ABC/f" << QStringLiteral("---") << "/DIR.ABC/f";
+    }
+
+    void extensions()
+    {
+        QFETCH(QString, path);
+        QFETCH(QString, matched);
+        QFETCH(QString, lowerCased);
+        QRegExp patterns[] = { TFileSystemHelper::CaseInsensitiveFilenameExtensionRegExp(),
+                               TFileSystemHelper::UpperCaseFilenameExtensionRegExp(),
+                               TFileSystemHelper::LowerCaseFilenameExtensionRegExp() };
+        for (QRegExp &pattern : patterns) {
+            const bool matches = matched.at(&pattern - patterns) != QLatin1Char('-');
+            QCOMPARE(pattern.indexIn(path), matches ? path.size() - 4 : -1);
+            QCOMPARE(pattern.cap(1), matches ? path.right(3) : QString());
+        }
+        // Meanwhile another thread lower-cases another extension: a match
+        // shared between threads would hand one the other's extension.
+        std::atomic<bool> stop { false };
+        std::thread other([&stop] {
+            while (!stop)
+                TFileSystemHelper::FileCopyLowerCaseDestFilename(QStringLiteral("/f.XYZ"));
+        });
+        const auto join = qScopeGuard([&] {
+            stop = true;
+            other.join();
+        });
+        for (int round = 0; round < 5000; ++round)
+            QCOMPARE(TFileSystemHelper::FileCopyLowerCaseDestFilename(path), lowerCased);
+    }
+
+    void digest_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<int>("size"); // written there first; -1: nothing written
+        // Around the 2048-byte piece the file is read in, and well beyond it.
+        for (int size : { 0, 1, 2047, 2048, 2049, 3 * 1024 * 1024 + 123 })
+            QTest::addRow("%d bytes", size) << QStringLiteral("file") << size;
+        // There is no error result: what cannot be read gives the digest of no data.
+        QTest::newRow("missing file") << QStringLiteral("missing") << -1;
+        QTest::newRow("directory") << QStringLiteral(".") << -1;
+    }
+
+    void digest()
+    {
+        QFETCH(QString, path);
+        QFETCH(int, size);
+        QByteArray expected("d41d8cd98f00b204e9800998ecf8427e");
+        if (size >= 0) {
+            QVERIFY(writeFile(path, randomBytes(size, quint32(size))));
+            QCOMPARE(run({ QStringLiteral("md5sum"), path }, &expected), 0);
+            expected.truncate(32);
+        }
+        QCOMPARE(TFileHash::CalculateFileMD5(path).toHex(), expected);
+    }
+
+    void copies_data()
+    {
+        QTest::addColumn<int>("size");
+        QTest::addColumn<bool>("stamp");
+        QTest::addColumn<QString>("existing"); // in out/ before the copy
+        QTest::addColumn<QString>("destination");
+        QTest::addColumn<QString>("copy"); // the one entry of out/ after
+        const QString old = QStringLiteral("copy.bin");
+        // Around the 4096-byte chunk, and past a flush, long enough for
+        // several progress calls.
+        for (int size : { 0, 1, 4095, 4096, 4097, 24 * 1024 * 1024 + 5 })
+            QTest::addRow("%d bytes", size) << size << true << old << old << old;
+        QTest::newRow("not stamped") << 10000 << false << old << old << old;
+        QTest::newRow("extension lower-cased")
+                << 5000 << true << QStringLiteral("PHOTO.JPG PHOTO.jpg") << "PHOTO.JPG"
+                << QStringLiteral("PHOTO.jpg");
+        // A link there, even to a missing file, is removed, not written through.
+        QTest::newRow("link at the destination")
+                << 5000 << true << "copy.bin->../elsewhere/target" << old << old;
+    }
+
+    void copies()
+    {
+        QFETCH(int, size);
+        QFETCH(bool, stamp);
+        QFETCH(QString, existing);
+        QFETCH(QString, destination);
+        QFETCH(QString, copy);
+        QVERIFY(writeFile(QStringLiteral("source"), randomBytes(size)));
+        QVERIFY(makeEntries(QStringLiteral("out"), existing.split(QLatin1Char(' '))));
+        QVERIFY(QDir().mkdir(QStringLiteral("elsewhere")));
+        const qint64 before = stampNow();
+
+        ProgressCounter counter;
+        counter.path = QStringLiteral("out/") + copy;
+        QVERIFY(TFileSystemHelper::FileCopyWithProgress(QStringLiteral("source"),
+                                                        QStringLiteral("out/") + destination,
+                                                        &counter, "OnBytesWritten", stamp));
+        QCOMPARE(snapshot(QStringLiteral("out")).keys(), QStringList { copy });
+        QVERIFY(QDir(QStringLiteral("elsewhere")).isEmpty());
+        copy.prepend(QStringLiteral("out/"));
+        QVERIFY(!QFileInfo(copy).isSymLink());
+        QCOMPARE(run({ QStringLiteral("cmp"), QStringLiteral("source"), copy }), 0);
+        QCOMPARE(mode(QStringLiteral("source")), mode_t(0644));
+        QCOMPARE(mode(copy), mode_t(0646));
+        QCOMPARE(isStamped(copy, before), stamp);
+        // Each progress call reports the bytes written since the previous one.
+        QVERIFY(counter.consistent);
+        QCOMPARE(counter.total, qint64(size));
+    }
+
+    void refused_data()
+    {
+        QTest::addColumn<QString>("source");
+        QTest::addColumn<QString>("destination");
+        QTest::addColumn<QString>("removed");
+        // In the layout refused() makes, to-a links to a, hard is a hard link
+        // to a and dir-link links to the directory itself.
+        const QString none;
+        QTest::newRow("same path") << "a" << QStringLiteral("a") << none;
+        QTest::newRow("same path, upper-case extension")
+                << "P.JPG" << QStringLiteral("P.JPG") << none;
+        QTest::newRow("destination links to the source") << "a" << QStringLiteral("to-a") << none;
+        QTest::newRow("source links to the destination") << "to-a" << QStringLiteral("a") << none;
+        QTest::newRow("hard link") << "a" << QStringLiteral("hard") << none;
+        QTest::newRow("through a linked directory") << "a" << QStringLiteral("dir-link/a") << none;
+        QTest::newRow("lower-cased extension") << "P.jpg" << QStringLiteral("P.JPG") << none;
+        QTest::newRow("missing destination directory")
+                << "a" << QStringLiteral("no/dir/copy") << none;
+        QTest::newRow("destination is a directory") << "a" << QStringLiteral("out") << none;
+        // The old copy goes under both names even when the source is missing.
+        QTest::newRow("missing source")
+                << "missing" << QStringLiteral("P.JPG") << QStringLiteral("P.JPG P.jpg");
+    }
+
+    void refused()
+    {
+        QFETCH(QString, source);
+        QFETCH(QString, destination);
+        QFETCH(QString, removed);
+        QVERIFY(makeEntries(QStringLiteral("."),
+                            names("a P.jpg P.JPG to-a->a dir-link->. out/keep")));
+        QCOMPARE(::link("a", "hard"), 0);
+        auto expected = snapshot(QStringLiteral("."));
+        for (const QString &entry : removed.split(QLatin1Char(' ')))
+            expected.remove(entry);
+
+        QVERIFY(!TFileSystemHelper::FileCopy(source, destination, true));
+        QCOMPARE(snapshot(QStringLiteral(".")), expected);
+    }
+
+    void systemCalls_data()
+    {
+        QTest::addColumn<qint64>("size");
+        // Where the flushes come: a write must end at each of these offsets
+        // and a flush begin after it.
+        QTest::addColumn<QVector<qint64>>("syncPoints");
+        QTest::newRow("empty") << qint64(0) << QVector<qint64> {};
+        QTest::newRow("10000 bytes") << qint64(10000) << QVector<qint64> { 10000 };
+        QTest::newRow("two whole chunks") << qint64(8192) << QVector<qint64> { 8192 };
+        // 3907 chunks of 4096 bytes are the first to reach 16,000,000 bytes.
+        QTest::newRow("20,000,000 bytes")
+                << qint64(20000000) << QVector<qint64> { 16003072, 20000000 };
+    }
+
+    void systemCalls()
+    {
+        QFETCH(qint64, size);
+        QFETCH(QVector<qint64>, syncPoints);
+        const QString source = QDir::current().canonicalPath() + QStringLiteral("/source");
+        const QString copy = QDir::current().canonicalPath() + QStringLiteral("/copy");
+        QVERIFY(writeFile(source, randomBytes(size)));
+        QByteArray output;
+        const int exitCode = runProbe(names("strace -f -qq -y -e trace=desc -o trace"),
+                                      { source, copy }, &output);
+        if (exitCode != 0 && !exists(QStringLiteral("trace")))
+            QSKIP(qPrintable(QStringLiteral("strace cannot run here: ")
+                             + QString::fromLocal8Bit(output)));
+        QCOMPARE(exitCode, 0);
+        QCOMPARE(readFile(copy), readFile(source));
+
+        // Each call reads "pid call(fd<path>, ...) = result". One that
+        // another thread's call interrupted is split in two:
+        // "pid call(fd<path>, <unfinished ...>" and, later,
+        // "pid <... call resumed>..., count) = result".
+        const QRegularExpression started(
+                QStringLiteral("^(?:(\\d+) +)?(\\w+)\\(\\d+<([^>]*)>(.*)$"));
+        const QRegularExpression resumed(
+                QStringLiteral("^(?:(\\d+) +)?<\\.\\.\\. (\\w+) resumed>(.*)$"));
+        const QRegularExpression count(QStringLiteral(", (\\d+)\\) += -?\\d+$"));
+        QHash<QString, QString> unfinishedPaths; // by thread
+        QVector<qint64> reads; // the bytes asked for
+        QVector<qint64> writeEnds;
+        QVector<qint64> syncs; // the bytes written when each flush began
+        qint64 written = 0;
+        for (const QString &line : names(readFile(QStringLiteral("trace")).constData(), '\n')) {
+            const QRegularExpressionMatch start = started.match(line);
+            const QRegularExpressionMatch end = resumed.match(line);
+            const QString name = (start.hasMatch() ? start : end).captured(2);
+            QString path = start.captured(3);
+            if (line.endsWith(QLatin1String("<unfinished ...>")))
+                unfinishedPaths.insert(start.captured(1), path);
+            else if (end.hasMatch())
+                path = unfinishedPaths.take(end.captured(1));
+            const qint64 bytes = count.match(line).captured(1).toLongLong();
+            if (path == source && name == QLatin1String("read") && bytes > 0)
+                reads.append(bytes);
+            else if (path == copy && name == QLatin1String("write") && bytes > 0)
+                writeEnds.append(written += bytes);
+            else if (path == copy && name == QLatin1String("fsync") && start.hasMatch())
+                syncs.append(written);
+        }
+        // The source is read in chunks of 4096 bytes (a short read is
+        // followed by one for the rest of its chunk, which finds the end);
+        // they reach the copy in larger writes, each flush after the chunks
+        // it covers.
+        QVERIFY(std::all_of(reads.cbegin(), reads.cend(), [](qint64 n) { return n <= 4096; }));
+        QCOMPARE(reads.count(4096), int(size / 4096) + 1);
+        QCOMPARE(written, size);
+        QCOMPARE(syncs.size(), syncPoints.size());
+        for (int i = 0; i < syncs.size(); ++i) {
+            QVERIFY2(writeEnds.contains(syncPoints[i]), qPrintable(QString::number(syncPoints[i])));
+            QVERIFY(syncs[i] >= syncPoints[i]);
+        }
+        if (!syncs.isEmpty())
+            QCOMPARE(syncs.last(), size);
+    }
+
+    void failingPartWay()
+    {
+        const QByteArray contents = randomBytes(6 * 1024 * 1024);
+        QVERIFY(writeFile(QStringLiteral("source"), contents));
+        QVERIFY(QFile::setPermissions(QStringLiteral("source"),
+                                      QFile::ReadOwner | QFile::WriteOwner));
+        const QString sourceBefore = snapshot(QStringLiteral(".")).value(QStringLiteral("source"));
+        // The probe's files may not grow past 100,000 bytes.
+        QCOMPARE(runProbe({}, names("source copy 100000")), 1);
+        QCOMPARE(readFile(QStringLiteral("copy")), contents.left(100000));
+        ProgressCounter counter;
+        counter.path = QStringLiteral("aborted");
+        counter.abortAt = 0;
+        QVERIFY(!TFileSystemHelper::FileCopyWithProgress(QStringLiteral("source"), counter.path,
+                                                         &counter, "OnBytesWritten", true));
+        QCOMPARE(counter.calls, 1);
+        QCOMPARE(readFile(counter.path), contents.left(int(counter.total)));
+        // Both are left as far as they got, without the source's 0600 + 0002
+        // or a stamp, and the source as it was.
+        for (const QString &copy : { QStringLiteral("copy"), counter.path })
+            QVERIFY(mode(copy) == 0644 && status(copy).st_mtime > stampNow() + 60);
+        QCOMPARE(snapshot(QStringLiteral(".")).value(QStringLiteral("source")), sourceBefore);
+    }
+
+    void copyMatchesSource()
+    {
+        QVERIFY(makeEntries(QStringLiteral("src"),
+                            names("x.txt sub/y.txt sub/deeper/ empty/ .hidden .hiddendir/f "
+                                  "to-x->x.txt broken->missing linked-dir->../ext ../ext/e.txt")));
+        QVERIFY(writeFile(QStringLiteral("src/sub/deeper/z.bin"), randomBytes(300000)));
+        const QString dest = QStringLiteral("new/parents/dest");
+        const qint64 before = stampNow();
+
+        QVERIFY(TFileSystemHelper::CopyDir(QStringLiteral("src"), dest));
+        QStringList copied = names("empty linked-dir linked-dir/e.txt sub sub/deeper "
+                                   "sub/deeper/z.bin sub/y.txt to-x x.txt");
+        QCOMPARE(snapshot(dest).keys(), copied);
+        QCOMPARE(run(names("diff -r -x .* -x broken src") << dest), 0);
+        for (const QString &entry : copied << QString()) { // the destination itself too
+            const QString path = QDir(dest).filePath(entry);
+            QVERIFY2(!QFileInfo(path).isSymLink() && isStamped(path, before), qPrintable(entry));
+        }
+    }
+
+    void copyDir_data()
+    {
+        QTest::addColumn<QString>("entries"); // made besides the common ones
+        QTest::addColumn<QString>("destination");
+        QTest::addColumn<bool>("result");
+        QTest::addColumn<QString>("copied"); // what the destination holds after
+        // Overlapping trees are refused before anything is written.
+        const QString none;
+        QTest::newRow("the source itself") << none << "src" << false << none;
+        QTest::newRow("inside the source") << none << "src/a/new" << false << none;
+        QTest::newRow("inside, through a link") << none << "to-src/new" << false << none;
+        // The kernel resolves "to-a/.." to src; a lexical reading would not.
+        QTest::newRow("through a link and '..'") << none << "to-a/../new" << false << none;
+        // A linked directory that would be copied into itself is not entered
+        // and counts as a failed subdirectory: its parent's files stay behind.
+        const QString dest = QStringLiteral("dest");
+        const QString withoutA = QStringLiteral("a a/inner a/inner/g b b/h old");
+        QTest::newRow("link to an ancestor") << "src/a/up->.." << dest << false << withoutA;
+        QTest::newRow("link to the destination")
+                << "src/a/o->../../dest" << dest << false << withoutA;
+        // dest/a leads to src/b: copying src/a there would overwrite src/b.
+        QTest::newRow("destination link into the source")
+                << "dest/a->../src/b" << dest << false << QStringLiteral("a b b/h old");
+        // A file copy cannot replace a directory with contents.
+        QTest::newRow("failing file")
+                << "dest/a/f/blocker" << dest << false
+                << QStringLiteral("a a/f a/f/blocker a/g a/inner a/inner/g b b/h old");
+        QTest::newRow("merged into the destination")
+                << "dest/top" << dest << true
+                << QStringLiteral("a a/f a/g a/inner a/inner/g b b/h old top");
+    }
+
+    void copyDir()
+    {
+        QFETCH(QString, entries);
+        QFETCH(QString, destination);
+        QFETCH(bool, result);
+        QFETCH(QString, copied);
+        entries += QStringLiteral(
+                " src/top src/a/f src/a/g src/a/inner/g src/b/h dest/old to-src->src "
+                "to-a->src/a");
+        QVERIFY(makeEntries(QStringLiteral("."),
+                            entries.split(QLatin1Char(' '), Qt::SkipEmptyParts)));
+        const auto sourceBefore = snapshot(QStringLiteral("src"));
+        const auto before = snapshot(QStringLiteral("."));
+        const qint64 beforeStamp = stampNow();
+
+        QCOMPARE(TFileSystemHelper::CopyDir(QStringLiteral("src"), destination), result);
+        QCOMPARE(snapshot(QStringLiteral("src")), sourceBefore);
+        if (copied.isEmpty()) { // refused
+            QCOMPARE(snapshot(QStringLiteral(".")), before);
+            return;
+        }
+        QCOMPARE(snapshot(destination).keys(), copied.split(QLatin1Char(' ')));
+        QVERIFY(isStamped(destination, beforeStamp));
+        for (const QString &entry : copied.split(QLatin1Char(' '))) {
+            const QString copy = destination + QLatin1Char('/') + entry;
+            if (QFileInfo(copy).isFile() && exists(QStringLiteral("src/") + entry))
+                QCOMPARE(readFile(copy), readFile(QStringLiteral("src/") + entry));
+        }
+    }
+
+    void deleteFiles_data()
+    {
+        QTest::addColumn<QStringList>("entries");
+        QTest::addColumn<QString>("filter");
+        QTest::addColumn<QString>("dir");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QStringList>("deleted");
+        QTest::addColumn<QStringList>("left");
+        const QStringList none;
+        QTest::newRow("hidden files, directories and link targets stay")
+                << names("b.log A.log c.LOG d.txt .x.log e.log/ f.log->d.txt") << "*.LOG"
+                << "." << 1 << names("A.log b.log c.LOG f.log") << names(".x.log d.txt e.log");
+        QTest::newRow("working directory")
+                << names("a.log") << "*.log" << QString() << 1 << names("a.log") << none;
+        QTest::newRow("subdirectory and broken link not seen")
+                << names("sub/a.log gone.log->missing") << "*.log"
+                << "." << 3 << none << names("gone.log sub sub/a.log");
+        QTest::newRow("one pattern, not two") << names("a.log c.txt") << "*.log *.txt"
+                                              << "." << 3 << none << names("a.log c.txt");
+        QTest::newRow("missing directory") << names("a.log") << "*"
+                                           << "missing" << 4 << none << names("a.log");
+        QTest::newRow("plain file") << names("a.log") << "*"
+                                    << "a.log" << 4 << none << names("a.log");
+        // In a sticky directory, only the owner of a file may remove it.
+        if (::geteuid() == 0)
+            QTest::newRow("some cannot be removed")
+                    << names("a.log b.log c.log c.txt") << "*.log"
+                    << "." << 2 << names("b.log") << names("a.log c.log c.txt");
+    }
+
+    void deleteFiles()
+    {
+        QFETCH(QStringList, entries);
+        QFETCH(QString, filter);
+        QFETCH(QString, dir);
+        QFETCH(int, code);
+        QFETCH(QStringList, deleted);
+        QFETCH(QStringList, left);
+        QVERIFY(makeEntries(QStringLiteral("."), entries));
+        QStringList deletedFiles = names("stale entries");
+        QStringList failedFiles = deletedFiles;
+        if (code == 2) { // as the user "nobody", who owns only b.log
+            QCOMPARE(::chmod(".", 01777) | ::chown("b.log", 65534, 65534), 0);
+            ::setfsuid(65534);
+        }
+        const int result = TFileSystemHelper::DeleteFiles(filter, dir, deletedFiles, failedFiles);
+        ::setfsuid(0);
+        QCOMPARE(result, code);
+        QCOMPARE(deletedFiles, deleted);
+        QCOMPARE(failedFiles, code == 2 ? names("a.log c.log") : QStringList());
+        QCOMPARE(snapshot(QStringLiteral(".")).keys(), left);
+    }
+
+    void deleteDirGeneric_data()
+    {
+        QTest::addColumn<QStringList>("entries");
+        QTest::addColumn<bool>("ignoreErrors");
+        QTest::addColumn<bool>("deleteRootDir");
+        QTest::addColumn<bool>("result");
+        QTest::addColumn<QStringList>("left"); // what must be left in the directory
+        QTest::addColumn<QStringList>("gone"); // what must be gone (walk order decides the rest)
+        const QStringList tree = names("f1 f2 sub/g sub/deeper/h sub/empty/");
+        const QStringList all = names("f1 f2 sub sub/deeper sub/deeper/h sub/empty sub/g");
+        for (bool root : { false, true }) {
+            for (bool ignore : { false, true }) {
+                const char *how = ignore ? (root ? "ignore, delete root" : "ignore, keep root")
+                                         : (root ? "stop, delete root" : "stop, keep root");
+                QTest::addRow("%s, clean tree", how)
+                        << tree << ignore << root << true << QStringList() << all;
+                // blocked cannot be removed: its .keep is not seen.
+                QTest::addRow("%s, blocked subdirectory", how)
+                        << tree + names("blocked/.keep blocked/x") << ignore << root
+                        << (ignore && !root) << names("blocked blocked/.keep")
+                        << (ignore ? all : QStringList()) + names("blocked/x");
+                QTest::addRow("%s, hidden file at the top", how)
+                        << tree + names(".keep") << ignore << root << !root << names(".keep")
+                        << all;
+            }
+        }
+    }
+
+    void deleteDirGeneric()
+    {
+        QFETCH(QStringList, entries);
+        QFETCH(bool, ignoreErrors);
+        QFETCH(bool, deleteRootDir);
+        QFETCH(bool, result);
+        QFETCH(QStringList, left);
+        QFETCH(QStringList, gone);
+        QVERIFY(makeEntries(QStringLiteral("root"), entries));
+        QVERIFY(QFile::setPermissions(QStringLiteral("root/f1"), {})); // no bits at all
+
+        QCOMPARE(TFileSystemHelper::DeleteDirGeneric(QStringLiteral("root"), ignoreErrors,
+                                                     deleteRootDir),
+                 result);
+        QCOMPARE(exists(QStringLiteral("root")), !deleteRootDir || !left.isEmpty());
+        const auto after = snapshot(QStringLiteral("root"));
+        for (const QString &entry : left)
+            QVERIFY2(after.contains(entry), qPrintable(entry));
+        for (const QString &entry : gone)
+            QVERIFY2(!after.contains(entry), qPrintable(entry));
+    }
+
+    void deleteDirGenericLeavesOutsideAlone()
+    {
+        // Links inside the tree go as links; a hard-linked file keeps its mode.
+        QVERIFY(makeEntries(
+                QStringLiteral("."),
+                names("outside/o outside/dir/p outside/hard root/sub/to-dir->../../outside/dir "
+                      "root/to-o->../outside/o root/to-outside->../outside top->outside")));
+        QCOMPARE(::chmod("outside/dir", 0500) | ::chmod("outside/o", 0404)
+                         | ::chmod("outside/hard", 0440) | ::link("outside/hard", "root/sub/hard"),
+                 0);
+        const auto outside = snapshot(QStringLiteral("outside"));
+        QVERIFY(TFileSystemHelper::DeleteDirGeneric(QStringLiteral("root"), false, true));
+        QVERIFY(!exists(QStringLiteral("root")));
+        QCOMPARE(snapshot(QStringLiteral("outside")), outside);
+
+        // Missing paths and plain files give true and stay as they are.
+        const auto before = snapshot(QStringLiteral("."));
+        for (const char *path : { "missing", "outside/o" })
+            QVERIFY(TFileSystemHelper::DeleteDirGeneric(QLatin1String(path), false, true));
+        QCOMPARE(snapshot(QStringLiteral(".")), before);
+        // A link at the top names its target, which is emptied; the link stays.
+        QVERIFY(QFile::setPermissions(QStringLiteral("outside/dir"),
+                                      QFile::WriteUser | QFile::ExeUser | QFile::ReadUser));
+        QVERIFY(!TFileSystemHelper::DeleteDirGeneric(QStringLiteral("top"), false, true));
+        QCOMPARE(snapshot(QStringLiteral(".")).keys(), names("outside top"));
+    }
+
+    void archiveRoundTrips_data()
+    {
+        QTest::addColumn<QByteArray>("pack"); // a Zip() call as callTar() takes it, or tar
+        QTest::newRow("Zip relative to a base directory") << QByteArray("zip host:a.tgz base");
+        QTest::newRow("Zip relative to the working directory") << QByteArray("zip ../a.tgz");
+        QTest::newRow("tar packs, Unzip unpacks") << QByteArray("tar");
+    }
+
+    // Packed by one side, unpacked by the other and compared, with an archive
+    // that tar could take for a remote one or for standard input, a target
+    // directory and files whose names look like options: tar would run
+    // "touch pwned" if the last reached it as options.
+    void archiveRoundTrips()
+    {
+        QFETCH(QByteArray, pack);
+        const QStringList files = names(
+                "log|conf|a b*|--checkpoint=1|--checkpoint-action=exec=touch pwned|-v", '|');
+        QVERIFY(writeFile(QStringLiteral("base/log"), randomBytes(70000)));
+        QVERIFY(makeEntries(QStringLiteral("base"),
+                            names("conf/a.ini|conf/deep/b * ?.ini", '|') + files.mid(2)));
+        QVERIFY(QDir().mkdir(QStringLiteral("-out")));
+        if (pack == "tar") {
+            QCOMPARE(run(names("tar -czf ./- -C base .")), 0);
+            QVERIFY(callTar("unzip - -out"));
+        } else {
+            const bool inBase = pack.count(' ') == 1; // Zip(archive, files)
+            QVERIFY(QDir::setCurrent(inBase ? QStringLiteral("base") : m_dir->path()));
+            QVERIFY(callTar(pack.constData(), files));
+            QVERIFY(QDir::setCurrent(m_dir->path()));
+            const QString archive = QStringLiteral("./")
+                    + QFileInfo(QString::fromUtf8(pack.split(' ')[1])).fileName();
+            // Entries relative to the base, only the names tar would take for
+            // options with "./"; the names with a space and a '*' as they stand.
+            QByteArray listing;
+            QCOMPARE(run({ QStringLiteral("tar"), QStringLiteral("-tzf"), archive }, &listing), 0);
+            QStringList members = names(listing.constData(), '\n');
+            members.sort();
+            QCOMPARE(
+                    members,
+                    names("./--checkpoint-action=exec=touch pwned|./--checkpoint=1|./-v|a b*|conf/|"
+                          "conf/a.ini|conf/deep/|conf/deep/b * ?.ini|log",
+                          '|'));
+            QCOMPARE(run(names("tar -xzf") << archive << names("-C -out")), 0);
+        }
+        QCOMPARE(run(names("diff -r base ./-out")), 0);
+        QVERIFY(!exists(QStringLiteral("pwned")) && !exists(QStringLiteral("base/pwned")));
+    }
+
+    void archiveResults()
+    {
+        // tar ending with an error still gives true; tar not found gives false.
+        QVERIFY(callTar("unzip missing.tgz out"));
+        QVERIFY(callTar("zip empty.tgz base"));
+        QVERIFY(QDir().mkdir(QStringLiteral("emptybin")));
+        QVERIFY(!callTar("zip a.tgz", names("log"), "emptybin"));
+        QVERIFY(!callTar("unzip a.tgz out", {}, "emptybin"));
+        // tar still running after 30 seconds (the test waits them out) is killed.
+        QVERIFY(writeFile(
+                QStringLiteral("fakebin/tar"),
+                "#!/bin/sh\necho $$ > pid\nexec "
+                        + QFile::encodeName(QStandardPaths::findExecutable(QStringLiteral("sleep")))
+                        + " 120\n"));
+        QCOMPARE(::chmod("fakebin/tar", 0700), 0);
+        QVERIFY(!callTar("unzip a.tgz out", {}, "fakebin"));
+        const pid_t pid = readFile(QStringLiteral("pid")).trimmed().toInt();
+        QVERIFY(pid > 0 && ::kill(pid, 0) == -1 && errno == ESRCH);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_FileSystem)
+#include "tst_filesystem.moc"
