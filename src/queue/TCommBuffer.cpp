@@ -9,8 +9,8 @@
 #include <mutex>
 
 namespace {
-// Fields touched by different threads live on separate cache lines, so that
-// the writer's and the reader's traffic do not invalidate each other.
+// Fields of one side live on cache lines of their own, so that the
+// writer's and the reader's traffic do not invalidate each other.
 constexpr int CacheLine = 64;
 
 // The unit of storage: blocks that start at a multiple of the line size
@@ -46,8 +46,12 @@ public:
     const std::unique_ptr<StorageLine[]> lines;
     char *const storage;
 
+    // Both sides change both counts on every call, so the counts share a
+    // cache line: each call then finds the other count where the change of
+    // the first just brought it, and the line moves between the sides once
+    // per call rather than twice.
     alignas(CacheLine) TLightSemaphore freeBytes;
-    alignas(CacheLine) TLightSemaphore usedBytes;
+    TLightSemaphore usedBytes;
 
     // Writer side. The lock guards only the reservation of a region, so that
     // the copy, the longest part of a write, runs without it. The section is
