@@ -107,11 +107,13 @@ public:
         link there is removed as a link, never written through); if the
         latter cannot be removed the result is false. The source is read in
         chunks of 4096 bytes, which are written to the copy in batches of up
-        to 1 MiB (as a buffered QFile would gather them, in larger writes);
-        the copy is flushed to the disk with fsync() each time 16,000,000
-        bytes (decimal) have been read since the last flush and after its
-        last chunk, so an empty source is never flushed. When the source is exhausted, the copy gets
-        the source's permissions plus QFile::WriteOther, is closed and, when
+        to 1 MiB (as a buffered QFile would gather them, in larger writes).
+        The copy is flushed to the disk with fsync() each time 16,000,000
+        bytes (decimal) have been read since the last flush, in the
+        background while the copy goes on, and after its last chunk, when
+        the function waits for every flush; an empty source is never
+        flushed. When the source is exhausted, the copy gets the source's
+        permissions plus QFile::WriteOther, is closed and, when
         \a stampFileTime is true, gets the offset clock's current minute as
         its access and modification time (TLocalTime::setFileTime()).
 
