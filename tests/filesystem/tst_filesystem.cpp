@@ -433,13 +433,16 @@ private slots:
 
         // Each call reads "pid call(fd<path>, ...) = result". One that
         // another thread's call interrupted is split in two:
-        // "pid call(fd<path>, <unfinished ...>" and, later,
-        // "pid <... call resumed>..., count) = result".
+        // "pid call(fd<path>, ... <unfinished ...>" and, later,
+        // "pid <... call resumed>...) = result", where the arguments that the
+        // call fills in (a read's buffer and the count after it) come with
+        // the second half. A write's count is taken from its result.
         const QRegularExpression started(
                 QStringLiteral("^(?:(\\d+) +)?(\\w+)\\(\\d+<([^>]*)>(.*)$"));
         const QRegularExpression resumed(
                 QStringLiteral("^(?:(\\d+) +)?<\\.\\.\\. (\\w+) resumed>(.*)$"));
-        const QRegularExpression count(QStringLiteral(", (\\d+)\\) += -?\\d+$"));
+        const QRegularExpression asked(QStringLiteral(", (\\d+)\\) += -?\\d+$"));
+        const QRegularExpression result(QStringLiteral("\\) += (-?\\d+)$"));
         QHash<QString, QString> unfinishedPaths; // by thread
         QVector<qint64> reads; // the bytes asked for
         QVector<qint64> writeEnds;
@@ -454,11 +457,12 @@ private slots:
                 unfinishedPaths.insert(start.captured(1), path);
             else if (end.hasMatch())
                 path = unfinishedPaths.take(end.captured(1));
-            const qint64 bytes = count.match(line).captured(1).toLongLong();
-            if (path == source && name == QLatin1String("read") && bytes > 0)
-                reads.append(bytes);
-            else if (path == copy && name == QLatin1String("write") && bytes > 0)
-                writeEnds.append(written += bytes);
+            const qint64 bytesAsked = asked.match(line).captured(1).toLongLong();
+            const qint64 bytesDone = result.match(line).captured(1).toLongLong();
+            if (path == source && name == QLatin1String("read") && bytesAsked > 0)
+                reads.append(bytesAsked);
+            else if (path == copy && name == QLatin1String("write") && bytesDone > 0)
+                writeEnds.append(written += bytesDone);
             else if (path == copy && name == QLatin1String("fsync") && start.hasMatch())
                 syncs.append(written);
         }
