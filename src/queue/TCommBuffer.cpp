@@ -46,11 +46,10 @@ public:
     const std::unique_ptr<StorageLine[]> lines;
     char *const storage;
 
-    // Both sides change both counts on every call, so the counts share a
-    // cache line: each call then finds the other count where the change of
-    // the first just brought it, and the line moves between the sides once
-    // per call rather than twice.
-    alignas(CacheLine) TLightSemaphore freeBytes;
+    // The writer takes from freeBytes and gives to usedBytes, the reader the
+    // other way round; each semaphore keeps its takers' and its givers'
+    // totals on lines of their own.
+    TLightSemaphore freeBytes;
     TLightSemaphore usedBytes;
 
     // Writer side. The lock guards only the reservation of a region, so that

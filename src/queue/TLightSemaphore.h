@@ -5,26 +5,42 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <semaphore.h>
 
 // A counting semaphore that stays in user space while it is not contended.
 //
-// The count lives in an atomic; it goes negative by one for every thread that
-// sleeps in acquire(), and release() posts the kernel semaphore only for
-// those sleepers. acquire() spins briefly before it commits to sleeping,
-// because a hand-over between two busy threads is usually a matter of
-// nanoseconds while a sleep and a wake-up cost microseconds.
+// The count is kept as two running totals, units given and units taken, on
+// cache lines of their own, and the takers remember the givers' total as they
+// last read it. A taker then reads the givers' line only when the total it
+// remembers does not cover what it wants, and a giver writes only its own
+// line: a producer and a consumer that keep ahead of each other exchange a
+// cache line once per batch of units, not twice per unit as they would
+// around one shared count. The totals are 64 bits wide, so they do not wrap
+// in the life of a process; their difference is the count, which never
+// exceeds INT_MAX.
+//
+// acquire() spins briefly before it commits to sleeping, because a hand-over
+// between two busy threads is usually a matter of nanoseconds while a sleep
+// and a wake-up cost microseconds. A sleeper announces itself in a count of
+// sleepers, which release() reads after adding its units: one of the two
+// always sees the other's change, so no wake-up is lost. release() wakes at
+// most one sleeper per unit and claims each one it wakes, so the kernel
+// semaphore counts exactly the wake-ups still to be collected.
 //
 // Internal to the library: the queue and the ring buffer use it for their
 // slot and byte counts.
 class TLightSemaphore
 {
+    using Total = std::uint64_t;
+
 public:
-    explicit TLightSemaphore(int initialCount = 0) : m_count(initialCount)
+    explicit TLightSemaphore(int initialCount = 0)
+        : m_givenSeen(Total(initialCount)), m_given(Total(initialCount))
     {
-        sem_init(&m_sleepers, 0, 0);
+        sem_init(&m_wakeups, 0, 0);
     }
-    ~TLightSemaphore() { sem_destroy(&m_sleepers); }
+    ~TLightSemaphore() { sem_destroy(&m_wakeups); }
 
     TLightSemaphore(const TLightSemaphore &) = delete;
     TLightSemaphore &operator=(const TLightSemaphore &) = delete;
@@ -32,10 +48,9 @@ public:
     // Takes \a n units (n >= 0) if that many are there now; never waits.
     bool tryAcquire(int n = 1)
     {
-        int count = m_count.load(std::memory_order_relaxed);
-        while (count >= n) {
-            if (m_count.compare_exchange_weak(count, count - n, std::memory_order_acquire,
-                                              std::memory_order_relaxed))
+        Total taken = m_taken.load();
+        while (covers(taken, n)) {
+            if (m_taken.compare_exchange_weak(taken, taken + Total(n)))
                 return true;
         }
         return false;
@@ -44,40 +59,91 @@ public:
     // Takes one unit, waiting as long as it takes.
     void acquire()
     {
-        for (int spin = 0; spin < SpinCount; ++spin) {
+        // Spinning looks at the count only now and then: every look pulls the
+        // givers' line away from them, while a giver left alone for a moment
+        // hands over a whole batch.
+        for (int look = 0; look < SpinLooks; ++look) {
             if (tryAcquire())
                 return;
-            cpuRelax();
+            for (int pause = 0; pause < PausesBetweenLooks; ++pause)
+                cpuRelax();
         }
-        if (m_count.fetch_sub(1, std::memory_order_acquire) > 0)
-            return;
-        while (sem_wait(&m_sleepers) != 0 && errno == EINTR) { }
+        for (;;) {
+            m_sleepers.fetch_add(1);
+            if (tryAcquire()) {
+                // A releaser that has claimed this thread meanwhile has
+                // posted, or is about to: collect that wake-up.
+                if (!claimSleeper())
+                    collectWakeUp();
+                return;
+            }
+            collectWakeUp();
+            if (tryAcquire())
+                return;
+        }
     }
 
     // Gives back \a n units (n >= 0), waking as many sleepers as they can serve.
     void release(int n = 1)
     {
-        const int before = m_count.fetch_add(n, std::memory_order_release);
-        const int sleepers = before < 0 ? -before : 0;
-        for (int i = 0; i < sleepers && i < n; ++i)
-            sem_post(&m_sleepers);
+        m_given.fetch_add(Total(n));
+        for (int woken = 0; woken < n && claimSleeper(); ++woken)
+            sem_post(&m_wakeups);
     }
 
-    // Units that could be taken now; 0 while threads are waiting.
+    // Units that could be taken now.
     int available() const
     {
-        const int count = m_count.load(std::memory_order_relaxed);
-        return count > 0 ? count : 0;
+        // Taken never overtakes given, so reading taken first keeps the
+        // difference from going negative.
+        const Total taken = m_taken.load();
+        return int(m_given.load() - taken);
     }
 
 private:
-    // About 2 microseconds on current x86 processors: long enough for a
-    // busy partner to hand a unit over, short enough not to steal much from
-    // it when threads outnumber processors (longer spins measured slower).
-    static constexpr int SpinCount = 100;
+    // Whether n units are given beyond the total \a taken. Reads the givers'
+    // line only when the total the takers saw last falls short.
+    bool covers(Total taken, int n)
+    {
+        if (std::int64_t(m_givenSeen.load(std::memory_order_acquire) - taken) >= n)
+            return true;
+        const Total given = m_given.load();
+        m_givenSeen.store(given, std::memory_order_release);
+        return std::int64_t(given - taken) >= n;
+    }
 
-    std::atomic<int> m_count;
-    sem_t m_sleepers;
+    // Counts one announced sleeper as woken, if there is one.
+    bool claimSleeper()
+    {
+        int sleepers = m_sleepers.load();
+        while (sleepers > 0) {
+            if (m_sleepers.compare_exchange_weak(sleepers, sleepers - 1))
+                return true;
+        }
+        return false;
+    }
+
+    void collectWakeUp()
+    {
+        while (sem_wait(&m_wakeups) != 0 && errno == EINTR) { }
+    }
+
+    // About 5 microseconds of spinning in all on current x86 processors,
+    // looking every 1.2: long enough for a busy partner to hand units over,
+    // short enough not to steal much from it when threads outnumber
+    // processors. Looking more often measured slower.
+    static constexpr int SpinLooks = 4;
+    static constexpr int PausesBetweenLooks = 64;
+    static constexpr int CacheLine = 64;
+
+    // Written by takers only. m_givenSeen is m_given as a taker last read it.
+    alignas(CacheLine) std::atomic<Total> m_taken { 0 };
+    std::atomic<Total> m_givenSeen;
+    // Written by givers only.
+    alignas(CacheLine) std::atomic<Total> m_given;
+    // Written only on the way to sleep and on the way back.
+    alignas(CacheLine) std::atomic<int> m_sleepers { 0 };
+    sem_t m_wakeups;
 };
 
 #endif // TRELLIS_TLIGHTSEMAPHORE_H

@@ -74,11 +74,10 @@ public:
     void putMessage(const void *message, int length);
     int takeMessage(void *buffer, int bufferSize);
 
-    // Every send and every receive changes both counts, so they share one
-    // cache line: a call then finds both where the other count's change
-    // just brought it. (Only the counts matter here; the kernel semaphores
-    // behind them are touched by sleepers alone.)
-    alignas(64) TLightSemaphore freeSlots;
+    // A sender takes from freeSlots and gives to waitingMessages, a receiver
+    // the other way round; each semaphore keeps its takers' and its givers'
+    // totals apart, so the two sides meet only where one reads the other's.
+    TLightSemaphore freeSlots;
     TLightSemaphore waitingMessages;
 
     // The queue lock, in two halves: senders serialize on the write side,
