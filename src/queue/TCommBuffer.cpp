@@ -48,16 +48,20 @@ public:
 
     // The writer takes from freeBytes and gives to usedBytes, the reader the
     // other way round; each semaphore keeps its takers' and its givers'
-    // totals on lines of their own.
+    // totals on lines of their own. Each has one giver, the one thread of
+    // its side, and nobody ever waits on it, so both sides give with
+    // releaseAsSoleGiver().
     TLightSemaphore freeBytes;
     TLightSemaphore usedBytes;
 
-    // Writer side. The lock guards only the reservation of a region, so that
-    // the copy, the longest part of a write, runs without it. The section is
-    // two instructions long and, used as meant, never contended, so the
-    // library's spin lock serves: it is taken inline and released with a
-    // plain store, where a mutex costs two library calls and two locked
-    // instructions.
+    // Writer side. The lock guards only the reservation of a region, that is
+    // taking its free bytes and advancing the write index, so that the copy,
+    // the longest part of a write, runs without it. Takers of free bytes are
+    // writers only, so the lock serializes them and they take with
+    // tryAcquireAsSoleTaker(). The section is a few instructions long and,
+    // used as meant, never contended, so the library's spin lock serves: it
+    // is taken inline and released with a plain store, where a mutex costs
+    // two library calls and two locked instructions.
     alignas(CacheLine) TSpinLock writerLock;
     int writeIndex = 0;
 
@@ -75,12 +79,12 @@ bool TCommBuffer::Write(const char *data, int count)
         return false;
     if (count == 0)
         return true;
-    if (!d->freeBytes.tryAcquire(count))
-        return false;
 
     int start;
     {
         const std::lock_guard<TSpinLock> locker(d->writerLock);
+        if (!d->freeBytes.tryAcquireAsSoleTaker(count))
+            return false;
         start = d->writeIndex;
         d->writeIndex = d->advance(start, count);
     }
@@ -90,7 +94,7 @@ bool TCommBuffer::Write(const char *data, int count)
     std::memcpy(d->storage + start, data, head);
     std::memcpy(d->storage, data + head, count - head);
 
-    d->usedBytes.release(count);
+    d->usedBytes.releaseAsSoleGiver(count);
     return true;
 }
 
@@ -111,7 +115,7 @@ int TCommBuffer::Read(char *data, int maxCount)
     std::memcpy(data, d->storage + start, head);
     std::memcpy(data + head, d->storage, count - head);
 
-    d->freeBytes.release(count);
+    d->freeBytes.releaseAsSoleGiver(count);
     return count;
 }
 

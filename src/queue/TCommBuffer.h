@@ -25,6 +25,10 @@ class TCommBufferPrivate;
     some. Several concurrent writers are not supported either: a later writer
     can make its bytes readable while an earlier writer's region, which is read
     first, is still being filled, and the reader would then receive garbage.
+    Each side also updates its counter with a plain store, which is what makes
+    the hand-over fast, so two threads on one side at once can lose a count
+    for good: written bytes that never become readable, or read space that
+    never becomes writable again.
     An application with several producers or consumers serialises them with a
     lock of its own; handing one side over from one thread to another is fine
     as long as the hand-over itself is synchronised.

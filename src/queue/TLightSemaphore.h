@@ -56,6 +56,18 @@ public:
         return false;
     }
 
+    // tryAcquire() for a semaphore whose takers are serialized by a lock of
+    // their own, such as the ring buffer's writer lock: the new total is
+    // stored, without the locked instruction of a compare-and-swap.
+    bool tryAcquireAsSoleTaker(int n)
+    {
+        const Total taken = m_taken.load(std::memory_order_relaxed);
+        if (!covers(taken, n))
+            return false;
+        m_taken.store(taken + Total(n), std::memory_order_relaxed);
+        return true;
+    }
+
     // Takes one unit, waiting as long as it takes.
     void acquire()
     {
@@ -89,6 +101,17 @@ public:
         m_given.fetch_add(Total(n));
         for (int woken = 0; woken < n && claimSleeper(); ++woken)
             sem_post(&m_wakeups);
+    }
+
+    // release() for a semaphore with one giving thread at a time and nobody
+    // in acquire(), such as the ring buffer's byte counts. The new total is
+    // published with a plain store, which the processor retires at once; the
+    // locked addition of release() would stall it, on every call, until the
+    // givers' line came back from a taker that had just read it.
+    void releaseAsSoleGiver(int n)
+    {
+        m_given.store(m_given.load(std::memory_order_relaxed) + Total(n),
+                      std::memory_order_release);
     }
 
     // Units that could be taken now.
