@@ -64,7 +64,9 @@ public:
         const Total taken = m_taken.load(std::memory_order_relaxed);
         if (!covers(taken, n))
             return false;
-        m_taken.store(taken + Total(n), std::memory_order_relaxed);
+        // Released, so that available() in another thread never pairs this
+        // total with an older given total than the one that covered it.
+        m_taken.store(taken + Total(n), std::memory_order_release);
         return true;
     }
 
