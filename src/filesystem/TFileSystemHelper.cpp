@@ -10,6 +10,7 @@
 #include <QMetaObject>
 #include <QObject>
 #include <QProcess>
+#include <QRegularExpression>
 
 #include <algorithm>
 #include <cerrno>
@@ -618,6 +619,11 @@ int TFileSystemHelper::DeleteFiles(const QString &nameFilter, const QString &dir
     QDir dir(dirPath);
     if (!dir.exists())
         return 4;
+    // Qt matches names through the filter's regular expression and, when
+    // the filter makes none (an unbalanced '['), logs a warning for every
+    // entry and matches nothing.
+    if (!QRegularExpression(QRegularExpression::wildcardToRegularExpression(nameFilter)).isValid())
+        return 3;
     dir.setNameFilters(QStringList(nameFilter));
     const QStringList names = dir.entryList(QDir::Files, QDir::NoSort);
     if (names.isEmpty())

@@ -181,7 +181,9 @@ public:
         \list
         \li 1 when at least one file matched and every match was removed;
         \li 2 when at least one match could not be removed (the others were);
-        \li 3 when the directory exists but nothing in it matches;
+        \li 3 when the directory exists but nothing in it matches, which is
+            always the case for a filter that is not a valid pattern, such
+            as one with an unbalanced '[';
         \li 4 when the directory does not exist (or is not a directory).
         \endlist
     */

@@ -607,6 +607,9 @@ private slots:
                 << "." << 3 << none << names("gone.log sub sub/a.log");
         QTest::newRow("one pattern, not two") << names("a.log c.txt") << "*.log *.txt"
                                               << "." << 3 << none << names("a.log c.txt");
+        QTest::newRow("unbalanced bracket matches nothing, silently")
+                << names("a[b.log") << "a[b*"
+                << "." << 3 << none << names("a[b.log");
         QTest::newRow("missing directory") << names("a.log") << "*"
                                            << "missing" << 4 << none << names("a.log");
         QTest::newRow("plain file") << names("a.log") << "*"
@@ -633,8 +636,14 @@ private slots:
             QCOMPARE(::chmod(".", 01777) | ::chown("b.log", 65534, 65534), 0);
             ::setfsuid(65534);
         }
+        static int messages;
+        messages = 0;
+        const QtMessageHandler previousHandler = qInstallMessageHandler(
+                [](QtMsgType, const QMessageLogContext &, const QString &) { ++messages; });
         const int result = TFileSystemHelper::DeleteFiles(filter, dir, deletedFiles, failedFiles);
+        qInstallMessageHandler(previousHandler);
         ::setfsuid(0);
+        QCOMPARE(messages, 0); // nothing is logged
         QCOMPARE(result, code);
         QCOMPARE(deletedFiles, deleted);
         QCOMPARE(failedFiles, code == 2 ? names("a.log c.log") : QStringList());
