@@ -1,5 +1,6 @@
 #include "TCommBuffer.h"
 
+#include "CacheLine.h"
 #include "TLightSemaphore.h"
 #include "TSpinLock.h"
 
@@ -9,10 +10,6 @@
 #include <mutex>
 
 namespace {
-// Fields of one side live on cache lines of their own, so that the
-// writer's and the reader's traffic do not invalidate each other.
-constexpr int CacheLine = 64;
-
 // The unit of storage: blocks that start at a multiple of the line size
 // (every power-of-two chunk of 64 bytes or more) then share no cache line
 // with their neighbours, so the writer filling one block does not steal the

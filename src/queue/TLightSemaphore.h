@@ -1,6 +1,7 @@
 #ifndef TRELLIS_TLIGHTSEMAPHORE_H
 #define TRELLIS_TLIGHTSEMAPHORE_H
 
+#include "CacheLine.h"
 #include "CpuRelax.h"
 
 #include <atomic>
@@ -159,7 +160,6 @@ private:
     // processors. Looking more often measured slower.
     static constexpr int SpinLooks = 4;
     static constexpr int PausesBetweenLooks = 64;
-    static constexpr int CacheLine = 64;
 
     // Written by takers only. m_givenSeen is m_given as a taker last read it.
     alignas(CacheLine) std::atomic<Total> m_taken { 0 };

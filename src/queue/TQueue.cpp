@@ -1,5 +1,6 @@
 #include "TQueue.h"
 
+#include "CacheLine.h"
 #include "TLightSemaphore.h"
 #include "TSpinLock.h"
 
@@ -86,9 +87,9 @@ public:
     // until it has been emptied, and each side's index order is its lock
     // order, so senders and receivers never need to exclude each other; one
     // producer and one consumer then share no lock at all.
-    alignas(64) TSpinLock writeLock;
+    alignas(CacheLine) TSpinLock writeLock;
     int writeIndex = 0; // guarded by writeLock
-    alignas(64) TSpinLock readLock;
+    alignas(CacheLine) TSpinLock readLock;
     int readIndex = 0; // guarded by readLock
     std::unique_ptr<char[]> slotBlock; // null for an inert queue
 
