@@ -31,20 +31,32 @@
 //
 // Internal to the library: the queue and the ring buffer use it for their
 // slot and byte counts.
-class TLightSemaphore
+
+// The points in acquire() and release() where a test can stop a thread to
+// force an interleaving. The library's semaphore has none: these compile to
+// nothing.
+struct TLightSemaphoreNoTestPoints
+{
+    static void announced() { }    // acquire(): counted as a sleeper, units not yet looked at
+    static void aboutToSleep() { } // acquire(): about to wait in the kernel
+    static void aboutToWake() { }  // release(): units given, no sleeper woken yet
+};
+
+template<typename TestPoints>
+class TBasicLightSemaphore
 {
     using Total = std::uint64_t;
 
 public:
-    explicit TLightSemaphore(int initialCount = 0)
+    explicit TBasicLightSemaphore(int initialCount = 0)
         : m_givenSeen(Total(initialCount)), m_given(Total(initialCount))
     {
         sem_init(&m_wakeups, 0, 0);
     }
-    ~TLightSemaphore() { sem_destroy(&m_wakeups); }
+    ~TBasicLightSemaphore() { sem_destroy(&m_wakeups); }
 
-    TLightSemaphore(const TLightSemaphore &) = delete;
-    TLightSemaphore &operator=(const TLightSemaphore &) = delete;
+    TBasicLightSemaphore(const TBasicLightSemaphore &) = delete;
+    TBasicLightSemaphore &operator=(const TBasicLightSemaphore &) = delete;
 
     // Takes \a n units (n >= 0) if that many are there now; never waits.
     bool tryAcquire(int n = 1)
@@ -85,13 +97,17 @@ public:
         }
         for (;;) {
             m_sleepers.fetch_add(1);
+            TestPoints::announced();
             if (tryAcquire()) {
                 // A releaser that has claimed this thread meanwhile has
                 // posted, or is about to: collect that wake-up.
-                if (!claimSleeper())
+                if (!claimSleeper()) {
+                    TestPoints::aboutToSleep();
                     collectWakeUp();
+                }
                 return;
             }
+            TestPoints::aboutToSleep();
             collectWakeUp();
             if (tryAcquire())
                 return;
@@ -102,8 +118,10 @@ public:
     void release(int n = 1)
     {
         m_given.fetch_add(Total(n));
-        for (int woken = 0; woken < n && claimSleeper(); ++woken)
+        for (int woken = 0; woken < n && claimSleeper(); ++woken) {
+            TestPoints::aboutToWake();
             sem_post(&m_wakeups);
+        }
     }
 
     // release() for a semaphore with one giving thread at a time and nobody
@@ -170,5 +188,7 @@ private:
     alignas(CacheLine) std::atomic<int> m_sleepers { 0 };
     sem_t m_wakeups;
 };
+
+using TLightSemaphore = TBasicLightSemaphore<TLightSemaphoreNoTestPoints>;
 
 #endif // TRELLIS_TLIGHTSEMAPHORE_H
