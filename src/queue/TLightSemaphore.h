@@ -5,9 +5,12 @@
 #include "CpuRelax.h"
 
 #include <atomic>
-#include <cerrno>
 #include <cstdint>
-#include <semaphore.h>
+#include <thread>
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 // A counting semaphore that stays in user space while it is not contended.
 //
@@ -24,10 +27,21 @@
 // acquire() spins briefly before it commits to sleeping, because a hand-over
 // between two busy threads is usually a matter of nanoseconds while a sleep
 // and a wake-up cost microseconds. A sleeper announces itself in a count of
-// sleepers, which release() reads after adding its units: one of the two
-// always sees the other's change, so no wake-up is lost. release() wakes at
-// most one sleeper per unit and claims each one it wakes, so the kernel
-// semaphore counts exactly the wake-ups still to be collected.
+// sleepers, notes the wake-up generation, looks at the units once more and
+// then sleeps on the generation with a futex, which the kernel lets it do
+// only while the generation is still the one it noted. release() adds its
+// units, then reads the count of sleepers, and if there are any it moves the
+// generation on, which turns back every sleeper still on its way into the
+// kernel, and wakes as many of those already there as it gave units. One of
+// the two always sees the other's change, so no wake-up is lost. A wake-up
+// is no token that some thread must collect: a thread that finds a unit
+// never waits for anything, and a woken thread is one more thread that looks
+// at the units, takes one or sleeps again.
+//
+// Waking costs a system call, so release() makes one only for a thread that
+// is in the kernel, and claims it from a count of such threads first: two
+// releases at the same time then do not both wake the one sleeper, nor does
+// a release wake anyone for a thread that is already awake.
 //
 // Internal to the library: the queue and the ring buffer use it for their
 // slot and byte counts.
@@ -37,23 +51,22 @@
 // nothing.
 struct TLightSemaphoreNoTestPoints
 {
-    static void announced() { }    // acquire(): counted as a sleeper, units not yet looked at
+    static void announced() { } // acquire(): counted as a sleeper, units not yet looked at
     static void aboutToSleep() { } // acquire(): about to wait in the kernel
-    static void aboutToWake() { }  // release(): units given, no sleeper woken yet
+    static void aboutToWake() { } // release(): units given, generation moved, none woken yet
+    static void wakeUpMissed() { } // release(): a claimed wake-up found nobody asleep
 };
 
 template<typename TestPoints>
 class TBasicLightSemaphore
 {
     using Total = std::uint64_t;
+    using Generation = std::uint32_t;
 
 public:
     explicit TBasicLightSemaphore(int initialCount = 0)
         : m_givenSeen(Total(initialCount)), m_given(Total(initialCount))
-    {
-        sem_init(&m_wakeups, 0, 0);
-    }
-    ~TBasicLightSemaphore() { sem_destroy(&m_wakeups); }
+    { }
 
     TBasicLightSemaphore(const TBasicLightSemaphore &) = delete;
     TBasicLightSemaphore &operator=(const TBasicLightSemaphore &) = delete;
@@ -98,19 +111,18 @@ public:
         for (;;) {
             m_sleepers.fetch_add(1);
             TestPoints::announced();
+            const Generation generation = m_generation.load();
             if (tryAcquire()) {
-                // A releaser that has claimed this thread meanwhile has
-                // posted, or is about to: collect that wake-up.
-                if (!claimSleeper()) {
-                    TestPoints::aboutToSleep();
-                    collectWakeUp();
-                }
+                m_sleepers.fetch_sub(1);
                 return;
             }
+            m_inKernel.fetch_add(1);
             TestPoints::aboutToSleep();
-            collectWakeUp();
-            if (tryAcquire())
-                return;
+            // A release that wakes this thread has counted it out already.
+            if (!sleepWhileGenerationIs(generation)) {
+                m_inKernel.fetch_sub(1);
+                m_sleepers.fetch_sub(1);
+            }
         }
     }
 
@@ -118,9 +130,10 @@ public:
     void release(int n = 1)
     {
         m_given.fetch_add(Total(n));
-        for (int woken = 0; woken < n && claimSleeper(); ++woken) {
+        if (n > 0 && m_sleepers.load() > 0) {
+            m_generation.fetch_add(1);
             TestPoints::aboutToWake();
-            sem_post(&m_wakeups);
+            wakeSleepers(n);
         }
     }
 
@@ -156,21 +169,58 @@ private:
         return std::int64_t(given - taken) >= n;
     }
 
-    // Counts one announced sleeper as woken, if there is one.
-    bool claimSleeper()
+    // Wakes up to \a n threads asleep in the kernel, one at a time. Each
+    // wake-up is claimed from the count of threads in the kernel before it is
+    // made, so that releases at the same time do not wake one sleeper twice
+    // over, and a woken thread stays counted out.
+    void wakeSleepers(int n)
     {
-        int sleepers = m_sleepers.load();
-        while (sleepers > 0) {
-            if (m_sleepers.compare_exchange_weak(sleepers, sleepers - 1))
+        while (n > 0 && claimThreadInKernel()) {
+            if (futexWake(1) == 1) {
+                m_sleepers.fetch_sub(1);
+                --n;
+                continue;
+            }
+            // The claimed thread was not asleep yet: it is on its way in, to
+            // sleep on a generation it noted after this release moved it, or
+            // on its way back. Give its count back. A release that found the
+            // count used up by this claim meanwhile woke nobody; so while
+            // units are left, try again.
+            TestPoints::wakeUpMissed();
+            m_inKernel.fetch_add(1);
+            if (available() == 0)
+                return;
+            std::this_thread::yield(); // let the thread on its way get there
+        }
+    }
+
+    bool claimThreadInKernel()
+    {
+        int count = m_inKernel.load();
+        while (count > 0) {
+            if (m_inKernel.compare_exchange_weak(count, count - 1))
                 return true;
         }
         return false;
     }
 
-    void collectWakeUp()
+    // Sleeps while the generation is still \a noted. Returns true when a
+    // release woke the thread, false when the generation had moved on or a
+    // signal came; the kernel returns for no other reason. (A generation
+    // would have to come round again, after 2^32 wake-ups, between noting it
+    // and this call for the kernel to take a moved one for the noted one.)
+    bool sleepWhileGenerationIs(Generation noted)
     {
-        while (sem_wait(&m_wakeups) != 0 && errno == EINTR) { }
+        return syscall(SYS_futex, futexWord(), FUTEX_WAIT_PRIVATE, noted, nullptr, nullptr, 0) == 0;
     }
+
+    // Returns how many threads it woke.
+    int futexWake(int count)
+    {
+        return int(syscall(SYS_futex, futexWord(), FUTEX_WAKE_PRIVATE, count, nullptr, nullptr, 0));
+    }
+
+    Generation *futexWord() { return reinterpret_cast<Generation *>(&m_generation); }
 
     // About 5 microseconds of spinning in all on current x86 processors,
     // looking every 1.2: long enough for a busy partner to hand units over,
@@ -184,9 +234,15 @@ private:
     std::atomic<Total> m_givenSeen;
     // Written by givers only.
     alignas(CacheLine) std::atomic<Total> m_given;
-    // Written only on the way to sleep and on the way back.
+    // Written only on the way to sleep and back, and by givers that wake.
     alignas(CacheLine) std::atomic<int> m_sleepers { 0 };
-    sem_t m_wakeups;
+    // The sleepers past their last look at the units, on their way into
+    // the kernel or asleep there, less those claimed by a release.
+    std::atomic<int> m_inKernel { 0 };
+    std::atomic<Generation> m_generation { 0 }; // the futex word
+    static_assert(sizeof(std::atomic<Generation>) == sizeof(Generation)
+                          && std::atomic<Generation>::is_always_lock_free,
+                  "the kernel waits on the atomic's own bytes");
 };
 
 using TLightSemaphore = TBasicLightSemaphore<TLightSemaphoreNoTestPoints>;
