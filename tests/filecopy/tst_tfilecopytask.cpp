@@ -1,4 +1,5 @@
 #include "CopyTestSupport.h"
+#include "HangWatch.h"
 
 #include "QtCompat.h"
 
@@ -21,6 +22,7 @@ struct Worker : TThreadedObject
     ~Worker() override
     {
         Stop();
+        const HangWatch watch(QStringLiteral("the copier thread to finish its pass and stop"));
         wait();
     }
     void Initialize() override { }

@@ -2,6 +2,7 @@
 // where it asks, with plain pipes where it must not.
 
 #include "CopyTestSupport.h"
+#include "HangWatch.h"
 #include "programcommand.h"
 
 #include <QDeadlineTimer>
@@ -232,8 +233,11 @@ void tst_TrellisCopy::runs()
     }
     // The exit code, after the end of the output.
     int status = 0;
-    QVERIFY2(run.WaitFor() && ::waitpid(std::exchange(run.pid, -1), &status, 0) > 0,
-             run.output.constData());
+    QVERIFY2(run.WaitFor(), run.output.constData());
+    {
+        const HangWatch watch(QStringLiteral("trellis-copy to exit once its output ended"));
+        QVERIFY(::waitpid(std::exchange(run.pid, -1), &status, 0) > 0);
+    }
     QCOMPARE(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), exitCode);
     for (const QString &text : resolved(output).split(QLatin1Char('|')))
         QVERIFY2(run.output.contains(text.toLocal8Bit()), run.output.constData());

@@ -1,3 +1,4 @@
+#include "HangWatch.h"
 #include "programcommand.h"
 
 #include <Trellis/TFileHash.h>
@@ -120,8 +121,12 @@ int run(QStringList command, QByteArray *output = nullptr)
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(command.takeFirst(), command);
-    const bool ended
-            = process.waitForFinished(300000) && process.exitStatus() == QProcess::NormalExit;
+    const int bound = int(std::chrono::milliseconds(HangBound).count());
+    const bool finished = process.waitForFinished(bound);
+    if (!finished && process.state() != QProcess::NotRunning)
+        qWarning("Still waiting after %d s for %s %s", bound / 1000, qPrintable(process.program()),
+                 qPrintable(process.arguments().join(u' ')));
+    const bool ended = finished && process.exitStatus() == QProcess::NormalExit;
     if (output)
         *output = process.readAll();
     return ended ? process.exitCode() : -1;
@@ -279,6 +284,7 @@ private slots:
         });
         const auto join = qScopeGuard([&] {
             stop = true;
+            const HangWatch watch(QStringLiteral("the other lower-casing thread to stop"));
             other.join();
         });
         for (int round = 0; round < 5000; ++round)

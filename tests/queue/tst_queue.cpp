@@ -1,3 +1,5 @@
+#include "ThreadCrew.h"
+
 #include <Trellis/TCommBuffer.h>
 #include <Trellis/TQueue.h>
 
@@ -27,12 +29,23 @@ private slots:
     void racingCreatesAndDestroys();
     void producersAndConsumers_data();
     void producersAndConsumers();
+    void registryChangesWhileOthersSendById();
     void ringBufferBlockAtEveryPosition_data();
     void ringBufferBlockAtEveryPosition();
+    void ringBufferStreamsBetweenThreads_data();
     void ringBufferStreamsBetweenThreads();
 };
 
 static constexpr unsigned int Untouched = 0xC0FFEE, Forever = TQueue::QueueWaitForever;
+
+// Messages per run of the threaded tests, divisible by every thread count
+// they use; fewer under ThreadSanitizer, which makes every access many times
+// slower and finds a race in a short run as well.
+#if defined(__SANITIZE_THREAD__)
+static constexpr int StressMessages = 24000;
+#else
+static constexpr int StressMessages = 240000;
+#endif
 
 // Identifiers count from 1, inert queues included; lookups by name and by
 // identifier; a deleted queue takes only the entries that refer to it with it.
@@ -167,7 +180,10 @@ void tst_Queue::racingCreatesAndDestroys()
         };
         std::thread other(race);
         race();
-        other.join();
+        {
+            const HangWatch watch(QStringLiteral("the other thread of round %1").arg(round));
+            other.join();
+        }
         QVERIFY(created == 1 && refused == 1 && deleted == 1);
     }
 }
@@ -178,8 +194,12 @@ void tst_Queue::producersAndConsumers_data()
     QTest::addColumn<int>("consumers");
     QTest::addColumn<int>("slotCount");
     QTest::addColumn<unsigned int>("timeout");
-    QTest::newRow("4 x 4, waiting") << 4 << 4 << 64 << Forever;
-    QTest::newRow("4 x 4, one slot, waiting") << 4 << 4 << 1 << Forever;
+    for (const int count : { 1, 2, 1024 }) {
+        const char *const plural = count == 1 ? "" : "s";
+        QTest::addRow("8 x 8, %d slot%s, waiting", count, plural) << 8 << 8 << count << Forever;
+        QTest::addRow("4 x 4, %d slot%s, waiting", count, plural) << 4 << 4 << count << Forever;
+    }
+    QTest::newRow("1 x 1, one slot, waiting") << 1 << 1 << 1 << Forever;
     QTest::newRow("1 x 3, receivers waiting on empty") << 1 << 3 << 8 << Forever;
     QTest::newRow("3 x 1, senders waiting on full") << 3 << 1 << 8 << Forever;
     QTest::newRow("4 x 4, not waiting") << 4 << 4 << 2 << TQueue::QueueNoWait;
@@ -188,7 +208,8 @@ void tst_Queue::producersAndConsumers_data()
 // Numbered messages from several producers to several consumers: each
 // arrives exactly once, and each producer's in the order they were sent.
 // Waiting calls block on a full or empty queue until another thread's call
-// wakes them (a lost wake-up hangs the test); calls that do not wait retry.
+// wakes them (a lost wake-up hangs, and so fails, the test); calls that do not
+// wait retry.
 void tst_Queue::producersAndConsumers()
 {
     QFETCH(int, producers);
@@ -197,15 +218,15 @@ void tst_Queue::producersAndConsumers()
     QFETCH(unsigned int, timeout);
     // Producer p sends p * perProducer, p * perProducer + 1, ... in order; the
     // total is divisible by every thread count above.
-    const int total = 240000, perProducer = total / producers;
+    const int total = StressMessages, perProducer = total / producers;
     TQueue queue(sizeof(int) + 1, slotCount, QStringLiteral("shared"));
     std::atomic<int> faults { 0 }; // failed calls, messages out of order or out of range
     std::vector<std::atomic<int>> seen(total); // how often each message arrived
-    std::vector<std::thread> threads;
+    ThreadCrew crew;
     for (int c = 0; c < consumers; ++c)
-        threads.emplace_back([&] {
+        crew.add(QStringLiteral("consumer %1").arg(c), total / consumers, [&](auto &received) {
             std::vector<int> last(producers, -1); // the last message from each producer
-            for (int i = 0; i < total / consumers; ++i) {
+            for (; received < total / consumers; ++received) {
                 int message = -1;
                 unsigned int code = TQueue::QueueErrWouldBlock;
                 while (queue.ReceiveMsg(&message, sizeof message, timeout, &code) < 0
@@ -219,8 +240,8 @@ void tst_Queue::producersAndConsumers()
             }
         });
     for (int p = 0; p < producers; ++p)
-        threads.emplace_back([&, p] {
-            for (int message = p * perProducer; message < (p + 1) * perProducer; ++message) {
+        crew.add(QStringLiteral("producer %1").arg(p), perProducer, [&, p](auto &sent) {
+            for (int message = p * perProducer; sent < perProducer; ++message, ++sent) {
                 unsigned int code;
                 while ((code = queue.SendMsg(&message, sizeof message, timeout))
                        == TQueue::QueueErrWouldBlock)
@@ -228,11 +249,66 @@ void tst_Queue::producersAndConsumers()
                 faults += code != TQueue::QueueErrNone;
             }
         });
-    for (auto &thread : threads)
-        thread.join();
+    crew.run();
     QCOMPARE(faults.load(), 0);
     QCOMPARE(int(std::count(seen.begin(), seen.end(), 1)), total);
     QCOMPARE(queue.GetWaitingMessageCount(), 0);
+}
+
+// Queues are created, found, used and destroyed over and over by some
+// threads while others pass numbered messages through a queue that stays,
+// all by identifier, and one more keeps sending to the identifier destroyed
+// last: identifiers are never reused, so that always answers 2.
+void tst_Queue::registryChangesWhileOthersSendById()
+{
+    constexpr int Churners = 2, Rounds = 2000, Messages = StressMessages / 10;
+    const std::unique_ptr<TQueue> stable(
+            TQueue::CreateQueue(sizeof(int) + 1, 16, QStringLiteral("stable")));
+    const unsigned int stableId = stable->GetQueueId();
+    std::atomic<int> faults { 0 }, churnersLeft { Churners }, received { 0 };
+    std::atomic<unsigned int> destroyedId { TQueue::InvalidQueueId };
+    ThreadCrew crew;
+    crew.add(QStringLiteral("sender"), Messages, [&](auto &sent) {
+        for (int message = 0; sent < Messages; ++message, ++sent)
+            faults += TQueue::SendMsg(stableId, &message, sizeof message, Forever) != 0;
+    });
+    crew.add(QStringLiteral("receiver"), Messages, [&](auto &count) {
+        for (int message = -1; count < Messages; ++count) {
+            const int previous = message;
+            faults += TQueue::ReceiveMsg(stableId, &message, sizeof message, Forever, nullptr)
+                            != sizeof message
+                    || message != previous + 1;
+        }
+        received = count.load();
+    });
+    for (int c = 0; c < Churners; ++c)
+        crew.add(QStringLiteral("churner %1").arg(c), Rounds, [&, c](auto &rounds) {
+            for (; rounds < Rounds; ++rounds) {
+                const QString name = QStringLiteral("churn %1 %2").arg(c).arg(rounds.load());
+                unsigned int code = Untouched;
+                TQueue *const queue = TQueue::CreateQueue(8, 2, name, &code);
+                const unsigned int id = queue ? queue->GetQueueId() : TQueue::InvalidQueueId;
+                char byte = 'x';
+                faults += !queue || code != 0 || TQueue::FindQueue(name) != queue
+                        || TQueue::FindQueue(id) != queue || TQueue::GetQueueName(id) != name
+                        || TQueue::SendMsg(id, "c", 1, TQueue::QueueNoWait) != 0
+                        || TQueue::ReceiveMsg(id, &byte, 1, TQueue::QueueNoWait, nullptr) != 1
+                        || byte != 'c' || TQueue::DestroyQueue(id) != 0
+                        || TQueue::FindQueue(name) != nullptr;
+                destroyedId = id;
+            }
+            --churnersLeft;
+        });
+    crew.add(QStringLiteral("sender to destroyed queues"), 0, [&](auto &sent) {
+        while (churnersLeft > 0) {
+            const unsigned int id = destroyedId;
+            faults += TQueue::SendMsg(id, "d", 1, Forever) != TQueue::QueueErrNoQueue;
+            ++sent;
+        }
+    });
+    crew.run();
+    QCOMPARE(faults.load(), 0);
+    QCOMPARE(received.load(), Messages);
 }
 
 void tst_Queue::ringBufferBlockAtEveryPosition_data()
@@ -278,34 +354,43 @@ void tst_Queue::ringBufferBlockAtEveryPosition()
     QCOMPARE(buffer.GetFree(), capacity);
 }
 
-// A writer and a reader stream several megabytes in random-sized pieces
-// through a small buffer whose size divides nothing evenly, retrying instead
-// of waiting; every byte arrives once and in order.
+void tst_Queue::ringBufferStreamsBetweenThreads_data()
+{
+    QTest::addColumn<int>("capacity");
+    for (const int capacity : { 1, 7, 1021, 65536 })
+        QTest::addRow("capacity %d", capacity) << capacity;
+}
+
+// A writer and a reader stream many buffers' worth of bytes in random-sized
+// pieces, retrying instead of waiting; every byte arrives once and in order.
 void tst_Queue::ringBufferStreamsBetweenThreads()
 {
-    constexpr int Size = 1021, Total = 6 * 1024 * 1024;
-    QByteArray stream(Total, Qt::Uninitialized), received(Total + 2 * Size, Qt::Uninitialized);
-    for (int i = 0; i < Total; ++i) // a lost, doubled or misplaced piece cannot go unnoticed
+    QFETCH(int, capacity);
+    const int total = qBound(64 * 1024, capacity * 4096, 24 * 1024 * 1024);
+    QByteArray stream(total, Qt::Uninitialized), received(total + 2 * capacity, Qt::Uninitialized);
+    for (int i = 0; i < total; ++i) // a lost, doubled or misplaced piece cannot go unnoticed
         stream[i] = char(i ^ (i >> 7) ^ (i >> 13));
-    TCommBuffer buffer(Size);
-    std::thread writer([&] {
+    TCommBuffer buffer(capacity);
+    ThreadCrew crew;
+    crew.add(QStringLiteral("writer"), total, [&](auto &written) {
         QRandomGenerator random(1);
-        for (int written = 0, count = 0; written < Total; written += count) {
-            count = qMin(int(random.bounded(1, Size + 1)), Total - written);
+        for (int count = 0; written < total; written += count) {
+            count = qMin(int(random.bounded(1, capacity + 1)), total - written);
             while (!buffer.Write(stream.constData() + written, count))
                 std::this_thread::yield();
         }
     });
-
-    QRandomGenerator random(2);
-    int read = 0;
-    for (int count = 0; read < Total && count >= 0; read += count)
-        if ((count = buffer.Read(received.data() + read, random.bounded(1, 2 * Size))) == 0)
-            std::this_thread::yield();
-    writer.join();
-    received.truncate(read);
+    crew.add(QStringLiteral("reader"), total, [&](auto &read) {
+        QRandomGenerator random(2);
+        for (int count = 0; read < total && count >= 0; read += count)
+            if ((count = buffer.Read(received.data() + read, random.bounded(1, 2 * capacity + 1)))
+                == 0)
+                std::this_thread::yield();
+        received.truncate(read);
+    });
+    crew.run();
     QCOMPARE(received, stream);
-    QCOMPARE(buffer.GetFree(), Size);
+    QCOMPARE(buffer.GetFree(), capacity);
 }
 
 QTEST_GUILESS_MAIN(tst_Queue)

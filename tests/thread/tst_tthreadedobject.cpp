@@ -1,3 +1,5 @@
+#include "HangWatch.h"
+
 #include <Trellis/TThreadedObject.h>
 #include <Trellis/ThreadNameProxy.h>
 
@@ -46,7 +48,12 @@ public:
 
     // A check that fails returns early; the thread must not outlive the object,
     // nor log its last AboutToStop().
-    ~RecordingWorker() override { disconnect(), Stop(), wait(); }
+    ~RecordingWorker() override
+    {
+        disconnect(), Stop();
+        const HangWatch watch(QStringLiteral("the worker thread to finish after Stop()"));
+        wait();
+    }
 
 protected:
     void Initialize() override
@@ -122,7 +129,10 @@ void tst_TThreadedObject::lifecycle()
         worker.start();
         QVERIFY(worker.isRunning() && (run > 0 || ran.tryAcquire(1, 60 * 1000)));
         worker.Stop();
-        QVERIFY(worker.wait() && !worker.isRunning() && worker.wait());
+        {
+            const HangWatch watch(QStringLiteral("the worker thread of run %1 to finish").arg(run));
+            QVERIFY(worker.wait() && !worker.isRunning() && worker.wait());
+        }
         QString log = std::exchange(eventLog, {});
         QCOMPARE(log.count(stop), 1); // at any place in the runs stopped at once
         QCOMPARE(log.remove(stop),

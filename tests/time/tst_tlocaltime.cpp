@@ -1,3 +1,5 @@
+#include "HangWatch.h"
+
 #include <Trellis/TLocalTime.h>
 
 #include <QElapsedTimer>
@@ -117,11 +119,17 @@ private slots:
                 }
             });
         }
-        for (std::thread &reader : readers)
-            reader.join();
-        stop = true;
-        for (std::thread &writer : writers)
-            writer.join();
+        {
+            const HangWatch watch([&] {
+                return QStringLiteral("the readers to see both offsets (%1 wrong readings)")
+                        .arg(wrongReads.load());
+            });
+            for (std::thread &reader : readers)
+                reader.join();
+            stop = true;
+            for (std::thread &writer : writers)
+                writer.join();
+        }
         QCOMPARE(wrongReads.load(), 0);
     }
 
