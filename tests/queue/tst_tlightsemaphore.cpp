@@ -63,15 +63,14 @@ public:
 
     bool finished() const { return m_finished; }
 
-    // Whether the thread, let go on from its last stop, now sleeps in the
+    // Waits until the thread, let go on from its last stop, sleeps in the
     // kernel: past its stop, nothing but the semaphore's wait blocks it.
-    bool asleepInKernel() const
+    void waitUntilAsleep() const
     {
-        QFile stat(QStringLiteral("/proc/self/task/%1/stat").arg(m_tid.load()));
-        if (!m_goingOn || m_finished || !stat.open(QIODevice::ReadOnly))
-            return false;
-        const QByteArray fields = stat.readAll(); // "tid (name) state ..."
-        return fields.mid(fields.lastIndexOf(')') + 2, 1) == "S";
+        const HangWatch watch(
+                QStringLiteral("%1 to sleep in the kernel").arg(QLatin1String(m_name)));
+        while (!asleepInKernel())
+            std::this_thread::yield();
     }
 
     void reach(Point point)
@@ -89,6 +88,15 @@ public:
     static thread_local Actor *current;
 
 private:
+    bool asleepInKernel() const
+    {
+        QFile stat(QStringLiteral("/proc/self/task/%1/stat").arg(m_tid.load()));
+        if (!m_goingOn || m_finished || !stat.open(QIODevice::ReadOnly))
+            return false;
+        const QByteArray fields = stat.readAll(); // "tid (name) state ..."
+        return fields.mid(fields.lastIndexOf(')') + 2, 1) == "S";
+    }
+
     const char *const m_name;
     int m_stopAt; // touched by the actor's thread only
     std::atomic<int> m_stoppedAt { 0 };
@@ -115,13 +123,6 @@ struct ScriptedPoints
 };
 
 using Semaphore = TBasicLightSemaphore<ScriptedPoints>;
-
-void waitUntilAsleep(const Actor &actor, const char *name)
-{
-    const HangWatch watch(QStringLiteral("%1 to sleep in the kernel").arg(QLatin1String(name)));
-    while (!actor.asleepInKernel())
-        std::this_thread::yield();
-}
 
 } // namespace
 
@@ -176,10 +177,10 @@ void tst_TLightSemaphore::holderOfAUnitNeverWaitsForAWakeUp()
     sleeper.start([&] { units.acquire(); });
     QCOMPARE(sleeper.waitForStopOrEnd(), int(AboutToSleep));
     sleeper.goOn();
-    waitUntilAsleep(sleeper, "the sleeper");
+    sleeper.waitUntilAsleep();
     if (holderWaits) { // first in the kernel's line, so the wake-up goes to the other
         holder.goOn();
-        waitUntilAsleep(holder, "the holder");
+        holder.waitUntilAsleep();
     }
     releaser.goOn();
     QVERIFY2(releaser.waitForStopOrEnd() == 0, "the releaser stopped twice");
@@ -219,7 +220,7 @@ void tst_TLightSemaphore::missedWakeUpIsMadeGoodForAnotherRelease()
     first.goOn();
     QCOMPARE(first.waitForStopOrEnd(), int(WakeUpMissed));
     sleeper.goOn();
-    waitUntilAsleep(sleeper, "the sleeper");
+    sleeper.waitUntilAsleep();
     second.start([&] { units.release(); });
     QCOMPARE(second.waitForStopOrEnd(), 0);
     first.goOn();
