@@ -2,6 +2,7 @@
 
 #include "TThreadedObject.h"
 #include "ThreadNameProxy.h"
+#include "TsanAnnotations.h"
 
 #include <sys/prctl.h>
 
@@ -28,4 +29,6 @@ void TThread::run()
     Q_EMIT m_owner.AboutToFinalize();
     m_owner.Finalize();
     Q_EMIT m_owner.Finalized();
+    // Everything the run did happens before a wait() that sees it finished.
+    tsanRelease(this);
 }

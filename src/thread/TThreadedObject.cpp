@@ -1,6 +1,7 @@
 #include "TThreadedObject.h"
 
 #include "TThread.h"
+#include "TsanAnnotations.h"
 
 class TThreadedObjectPrivate
 {
@@ -29,7 +30,10 @@ void TThreadedObject::Stop()
 
 bool TThreadedObject::wait()
 {
-    return d->thread.wait();
+    const bool finished = d->thread.wait();
+    if (finished)
+        tsanAcquire(&d->thread);
+    return finished;
 }
 
 bool TThreadedObject::isRunning() const
