@@ -10,6 +10,7 @@
 #include <QThread>
 
 #include <atomic>
+#include <mutex>
 
 using Action = TFileCopyTask::EFileExistsAction;
 
@@ -218,18 +219,16 @@ void tst_TFileCopyTask::batches()
     MakeTree(tmp.path(), tree);
     TFileCopyTask task;
     // Each signal is noted as text (see batches_data()) in the emitting
-    // thread, then queued to the test thread unless emitted there; received
-    // holds them in the order they reach the test thread.
-    QStringList received;
-    int states = 0, emittedElsewhere = 0; // the signals emitted outside the task's thread
-    QObject receiver; // drops what is still queued when a check fails
+    // thread, in the order emitted.
+    std::mutex receivedMutex;
+    QStringList received; // guarded by receivedMutex
+    std::atomic<int> states { 0 }, emittedElsewhere { 0 }; // elsewhere: not in the task's thread
     const auto record = [&](const QString &event) {
         const bool elsewhere = QThread::currentThread() != task.thread();
-        QMetaObject::invokeMethod(&receiver, [&, event, elsewhere] {
-            received << event;
-            states += event.startsWith(QLatin1Char('S'));
-            emittedElsewhere += elsewhere;
-        });
+        const std::lock_guard<std::mutex> locker(receivedMutex);
+        received << event;
+        states += event.startsWith(QLatin1Char('S'));
+        emittedElsewhere += elsewhere;
     };
     const auto relative = [&src](const QFileInfo &file) {
         return file.filePath().isEmpty() ? QStringLiteral("-")
@@ -285,10 +284,13 @@ void tst_TFileCopyTask::batches()
                 passes += name.startsWith("Continue"); // those queue a pass
             }
         }
-        QTRY_COMPARE_WITH_TIMEOUT(states, passes, PassTimeout);
+        QTRY_COMPARE_WITH_TIMEOUT(states.load(), passes, PassTimeout);
     }
 
-    const QString actual = received.join(QStringLiteral(", "));
+    const QString actual = [&] {
+        const std::lock_guard<std::mutex> locker(receivedMutex);
+        return received.join(QStringLiteral(", "));
+    }();
     // "*" and "..." (see batches_data()) as regular expressions.
     const QRegExp pattern(QRegExp::escape(events)
                                   .replace(QLatin1String("\\*"), QLatin1String("[^,]*"))
@@ -298,7 +300,7 @@ void tst_TFileCopyTask::batches()
     QVERIFY2(!actual.contains(QRegularExpression(QStringLiteral("P 100 [^,]*, (F|P \\d\\d?) "))),
              qPrintable(actual));
     // In a worker, only the Progress(0, 0, 0) of CopyFiles() comes from the calling thread.
-    QCOMPARE(emittedElsewhere, worker ? int(steps.count(QLatin1String("Copy:"))) : 0);
+    QCOMPARE(emittedElsewhere.load(), worker ? int(steps.count(QLatin1String("Copy:"))) : 0);
     CheckFiles(tmp.path(), files);
 }
 

@@ -5,8 +5,9 @@
 
 #include <QFile>
 #include <QMetaMethod>
-#include <QMutex>
 #include <QtTest>
+
+#include <mutex>
 
 #include <unistd.h>
 
@@ -17,12 +18,12 @@
 // What happened, in order, each word followed by a space; "main:" marks what
 // ran in the main thread. The test reads and clears it only when no worker
 // thread runs.
-static QMutex logMutex;
+static std::mutex logMutex; // a std::mutex, which ThreadSanitizer sees through
 static QString eventLog;
 
 static void record(const QString &what)
 {
-    const QMutexLocker locker(&logMutex);
+    const std::lock_guard<std::mutex> locker(logMutex);
     const bool inMain = QThread::currentThread() == QCoreApplication::instance()->thread();
     eventLog += (inMain ? QStringLiteral("main:") : QString()) + what + QLatin1Char(' ');
 }
