@@ -25,7 +25,9 @@ public:
         file that cannot be opened (missing, unreadable, a directory) gives the
         digest of no data, d41d8cd98f00b204e9800998ecf8427e, the same as an
         empty file, and a read error part-way gives the digest of the bytes
-        read before it.
+        read before it. Only a regular file or a block device is read: a
+        FIFO, a socket or a character device such as /dev/zero gives the
+        digest of no data at once, without blocking or reading without end.
 
         Blocks the calling thread while it reads the whole file. Shares
         nothing, so any number of threads may call it at once.

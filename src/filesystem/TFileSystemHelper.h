@@ -105,17 +105,27 @@ public:
         The copy is written under FileCopyLowerCaseDestFilename(\a destFile).
         Anything at \a destFile and at that name is removed first (a symbolic
         link there is removed as a link, never written through); if the
-        latter cannot be removed the result is false. The source is read in
+        latter cannot be removed the result is false. The copy is then
+        created as a new file, never opened through whatever appeared at its
+        name meanwhile: something put there again is removed again, up to
+        eight times, and then the result is false.
+        Only a regular file or a block device is read. Any other source (a
+        directory, a FIFO, a socket, a character device such as /dev/zero)
+        counts as a source that cannot be opened, at once: the call never
+        blocks on it nor reads without end. The source is read in
         chunks of 4096 bytes, which are written to the copy in batches of up
         to 1 MiB (as a buffered QFile would gather them, in larger writes).
         The copy is flushed to the disk with fsync() each time 16,000,000
         bytes (decimal) have been read since the last flush, in the
         background while the copy goes on, and after its last chunk, when
         the function waits for every flush; an empty source is never
-        flushed. When the source is exhausted, the copy gets the source's
-        permissions plus QFile::WriteOther, is closed and, when
-        \a stampFileTime is true, gets the offset clock's current minute as
-        its access and modification time (TLocalTime::setFileTime()).
+        flushed. The result of fsync() is not looked at: a copy reported done
+        is complete in the file, and as durable as the file system made it.
+        When the source is exhausted, the copy gets the source's permissions
+        plus QFile::WriteOther and, when \a stampFileTime is true, the offset
+        clock's current minute as its access and modification time (as
+        TLocalTime::setFileTime() gives them), both on the file this call
+        created, through its descriptor.
 
         When \a receiver and \a member are both given, \a member names a
         method of \a receiver without parentheses (for instance
@@ -144,10 +154,11 @@ public:
             link, an alias through the lower-cased extension, or a
             case-insensitive file system), the result is false and nothing
             is removed.
-        \li Every byte read reaches the file descriptor before each fsync()
-            and before any return, and the copy is closed before it is
-            stamped, so the flushes make all of it durable and nothing
-            written later can change the stamp.
+        \li Every byte read reaches the file descriptor before each fsync(),
+            each progress call and any return, and the copy is stamped after
+            its last byte, so the flushes make all of it durable, a receiver
+            finds in the file what it was told, and nothing written later
+            can change the stamp.
         \endlist
 
         Runs in the calling thread and blocks it until done; copies of
@@ -291,10 +302,18 @@ public:
         missing targets are not seen, so a directory holding them cannot be
         removed.
 
-        Nothing outside the tree is changed: a symbolic link inside the tree
-        is removed as a link, its target's contents and permissions
-        untouched; a file that has other hard links keeps its permissions,
-        since they are those of every name of the file. The top \a dirPath
+        Nothing outside the tree is changed, whatever another process does
+        to the tree meanwhile: a symbolic link inside the tree is removed as
+        a link, its target's contents and permissions untouched; a file that
+        has other hard links keeps its permissions, since they are those of
+        every name of the file. Each directory below \a dirPath is opened
+        relative to its parent's descriptor without following a link, and
+        its entries are looked at and removed relative to its own, so a
+        directory swapped for a link while the walk goes on is removed as a
+        link. The walk's depth is bounded by neither PATH_MAX nor the
+        thread's stack nor the process's descriptors. A directory that
+        cannot be listed fails like an entry that cannot be deleted (it is
+        still removed when it is empty). The top \a dirPath
         itself is taken as the caller names it: a link there names the
         directory it points to, which is emptied, and the link itself
         is not removed (the result is then false when \a deleteRootDir is

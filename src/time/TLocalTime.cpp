@@ -1,9 +1,12 @@
 #include "TLocalTime.h"
+#include "FileStamp_p.h"
 
 #include <atomic>
 #include <ctime>
 #include <limits>
-#include <utime.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 // A 32-bit time_t would stamp dates after January 2038 as 1901-1969; 32-bit
 // builds must be compiled with -D_TIME_BITS=64 (the build does so).
@@ -63,9 +66,9 @@ QTime TLocalTime::currentTime()
     return currentDateTime().time();
 }
 
-void TLocalTime::setFileTime(const QString &path)
+std::optional<struct timespec> offsetClockFileTime()
 {
-    const QDateTime now = currentDateTime();
+    const QDateTime now = TLocalTime::currentDateTime();
     const QDate date = now.date();
     const QTime time = now.time();
 
@@ -80,9 +83,24 @@ void TLocalTime::setFileTime(const QString &path)
 
     const std::time_t stamp = std::mktime(&fields);
     if (stamp == std::time_t(-1))
-        return; // a time the C library cannot represent, such as past 2038 with a 32-bit time_t
-    const utimbuf times { stamp, stamp };
-    utime(path.toUtf8().constData(), &times);
+        return std::nullopt; // a time the C library cannot represent
+    return timespec { stamp, 0 };
+}
+
+void stampWithOffsetClock(int fd)
+{
+    if (const auto stamp = offsetClockFileTime()) {
+        const struct timespec times[2] = { *stamp, *stamp };
+        ::futimens(fd, times);
+    }
+}
+
+void TLocalTime::setFileTime(const QString &path)
+{
+    if (const auto stamp = offsetClockFileTime()) {
+        const struct timespec times[2] = { *stamp, *stamp };
+        ::utimensat(AT_FDCWD, path.toUtf8().constData(), times, 0);
+    }
 }
 
 qint64 TLocalTime::getCurrentTime()

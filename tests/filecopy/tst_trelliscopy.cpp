@@ -181,10 +181,11 @@ void tst_TrellisCopy::runs_data()
            "src==dst/src");
     AddRow("Ctrl-C at a question", "@/src @/dst", oneOld, "^C", 130, "Interrupted: 0 copied",
            "dst/src/a.txt=old dst/src/b.txt=-");
-    // A source that never ends keeps the copy busy; 99% is the copier's own
-    // report from inside the file.
-    AddRow("Ctrl-C during a copy", "/dev/zero @/dst", "", " 99% |^C", 130,
-           "stopped while copying /dev/zero; its copy may be incomplete|"
+    // A terabyte (sparse, so it takes no room) keeps the copy busy well past
+    // the Ctrl-C.
+    AddRow("Ctrl-C during a copy", "@/huge.bin @/dst", "huge.bin~1099511627776", " huge.bin|^C",
+           130,
+           "stopped while copying @/huge.bin; its copy may be incomplete|"
            "Interrupted: 0 copied, 0 skipped, 0 failed");
 
     // No file can be created below a file, not even by root.

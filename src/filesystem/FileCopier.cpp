@@ -1,0 +1,259 @@
+#include "FileCopier_p.h"
+
+#include "BackgroundSync_p.h"
+#include "ChunkBatch_p.h"
+#include "FileDescriptor_p.h"
+#include "time/FileStamp_p.h"
+
+#include <Trellis/TLocalTime.h>
+
+#include <QMetaObject>
+#include <QObject>
+
+#include <cerrno>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// With a 32-bit off_t, files past 2 GiB could be neither copied nor removed
+// correctly; 32-bit builds must be compiled with -D_FILE_OFFSET_BITS=64 (the
+// build does so).
+static_assert(sizeof(off_t) == 8, "Trellis needs a 64-bit off_t");
+
+namespace {
+
+constexpr qint64 SyncInterval = 16000000;
+// The copy hands each 4 MiB written since the last fsync() to the disk
+// without waiting, so that the disk writes while the copy goes on and the
+// next fsync() waits for the last part only; this takes about a third off
+// the time spent in fsync() for a large file. A multiple of the chunk size.
+constexpr qint64 WritebackInterval = 4 * 1024 * 1024;
+constexpr qint64 ProgressInterval = 100; // milliseconds
+// How often a name that reappears at the destination after its removal is
+// removed again before the copy gives up.
+constexpr int CreateAttempts = 8;
+
+bool isSameFile(const struct stat &a, const struct stat &b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Opens the source without blocking, so that a FIFO or a device cannot hold
+// the call: only what has an end is read, a regular file or a block device.
+// Like QFile, a directory does not count as opened.
+int openSource(int dir, const QByteArray &name, struct stat &status)
+{
+    int fd;
+    do {
+        fd = ::openat(dir, name.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0)
+        return -1;
+    if (::fstat(fd, &status) != 0 || !(S_ISREG(status.st_mode) || S_ISBLK(status.st_mode))
+        || ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// What lies at a destination name before a copy.
+enum class Occupant { Nothing, Source, Other };
+
+// One look without following a link answers for the common cases: nothing
+// there, or a file that is not a link and so reaches the source only by
+// being it. Only a link costs a second look, through it. Without a source,
+// anything there is Other.
+Occupant occupant(int dir, const QByteArray &name, const struct stat *source)
+{
+    struct stat status;
+    if (::fstatat(dir, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return Occupant::Nothing;
+    if (source && S_ISLNK(status.st_mode) && ::fstatat(dir, name.constData(), &status, 0) != 0)
+        return Occupant::Other; // a link to nothing
+    return source && isSameFile(status, *source) ? Occupant::Source : Occupant::Other;
+}
+
+// Removes a file, or a symbolic link as a link; true when nothing is left
+// under name.
+bool removeName(int dir, const QByteArray &name)
+{
+    return ::unlinkat(dir, name.constData(), 0) == 0 || errno == ENOENT;
+}
+
+// Creates the copy as a new file. A name that something put back after the
+// removals is removed again, a few times; the copy never opens what it did
+// not create.
+int createDestination(int dir, const QByteArray &name)
+{
+    for (int attempt = 0; attempt < CreateAttempts; ++attempt) {
+        const int fd
+                = ::openat(dir, name.constData(),
+                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, 0666);
+        if (fd >= 0)
+            return fd;
+        if ((errno != EEXIST && errno != EINTR) || !removeName(dir, name))
+            return -1;
+    }
+    return -1;
+}
+
+// The permissions QFile::setPermissions(source.permissions() |
+// QFile::WriteOther) gives a copy. QFile reports besides the owner's bits
+// what the calling user may do with the file, and grants that to the owner
+// of the copy; an owner bit that is set already needs no question.
+mode_t copyMode(int sourceDir, const QByteArray &sourceName, mode_t sourceMode)
+{
+    mode_t mode = (sourceMode & (S_IRWXU | S_IRWXG | S_IRWXO)) | S_IWOTH;
+    const std::pair<mode_t, int> ownerBits[]
+            = { { S_IRUSR, R_OK }, { S_IWUSR, W_OK }, { S_IXUSR, X_OK } };
+    for (const auto &[bit, access] : ownerBits) {
+        if (!(mode & bit) && ::faccessat(sourceDir, sourceName.constData(), access, 0) == 0)
+            mode |= bit;
+    }
+    return mode;
+}
+
+} // namespace
+
+QByteArray FileCopier::lowerCaseExtension(const QByteArray &name)
+{
+    const int size = name.size();
+    if (size < 4 || name.at(size - 4) != '.')
+        return name;
+    for (int i = size - 3; i < size; ++i) {
+        const char c = name.at(i);
+        if (!((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z')))
+            return name;
+    }
+    QByteArray lowered = name;
+    for (int i = size - 3; i < size; ++i)
+        lowered[i] = char(lowered.at(i) | 0x20);
+    return lowered;
+}
+
+bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
+                      const QByteArray &destName, QObject *receiver, const char *member,
+                      bool stampFileTime)
+{
+    const QByteArray actualDestName = lowerCaseExtension(destName);
+    const bool renamed = actualDestName != destName;
+
+    // The source is opened before anything is removed, so that a destination
+    // reaching the same file can be recognised by device and inode.
+    struct stat sourceStatus;
+    FileDescriptor source(openSource(sourceDir, sourceName, sourceStatus));
+    const bool sourceOpen = source.isOpen();
+    const struct stat *sourceFile = sourceOpen ? &sourceStatus : nullptr;
+    const Occupant atDest = occupant(destDir, destName, sourceFile);
+    const Occupant atActualDest = renamed ? occupant(destDir, actualDestName, sourceFile) : atDest;
+    if (atDest == Occupant::Source || atActualDest == Occupant::Source)
+        return false;
+
+    const bool destFileRemoved = atDest == Occupant::Nothing || removeName(destDir, destName);
+    const bool actualDestRemoved = renamed
+            ? atActualDest == Occupant::Nothing || removeName(destDir, actualDestName)
+            : destFileRemoved;
+    if (!actualDestRemoved || !sourceOpen)
+        return false;
+
+    FileDescriptor destination(createDestination(destDir, actualDestName));
+    if (!destination.isOpen())
+        return false;
+
+    const bool reportProgress = receiver && member;
+    ChunkBatch batch(destination.get(), sourceStatus.st_size);
+    qint64 copied = 0;
+    qint64 unsynced = 0;
+    qint64 unreported = 0;
+    qint64 lastReport = reportProgress ? TLocalTime::getCurrentTime() : 0;
+    // The source's size is asked again only when the copy reaches it: asking
+    // costs a system call, and a short read already means the end.
+    qint64 sourceSize = sourceStatus.st_size;
+    bool atEnd = false;
+
+    // Every byte read so far reaches the descriptor before a flush to the
+    // disk, and before any return: a copy that fails keeps what it read.
+    // The last flush is complete, and all earlier ones, before the copy is
+    // reported done.
+    BackgroundSync backgroundSync(destination.get());
+    const auto sync = [&](bool last) {
+        const bool written = batch.flush();
+        if (last) {
+            backgroundSync.wait();
+            ::fsync(destination.get());
+        } else {
+            backgroundSync.start();
+        }
+        unsynced = 0;
+        return written;
+    };
+    // What a report counts has reached the copy: the receiver may look.
+    const auto report = [&] {
+        if (!batch.flush())
+            return false;
+        bool goOn = true;
+        QMetaObject::invokeMethod(receiver, member, Qt::AutoConnection, Q_RETURN_ARG(bool, goOn),
+                                  Q_ARG(qint64, unreported));
+        unreported = 0;
+        lastReport = TLocalTime::getCurrentTime();
+        return goOn;
+    };
+
+    // A read that found the end ends the copy; the next one would only find
+    // it again.
+    while (!atEnd) {
+        char *chunk = batch.nextChunk();
+        if (!chunk)
+            return false;
+        const qint64 count = readChunk(source.get(), chunk, CopyChunkSize, atEnd);
+        if (count < 0) {
+            batch.flush();
+            return false;
+        }
+        if (count == 0)
+            break;
+        batch.commit(count);
+        copied += count;
+        const bool lastChunk = count < CopyChunkSize
+                || (copied >= sourceSize && (sourceSize = fileSize(source.get())) <= copied);
+
+        unsynced += count;
+        if (unsynced >= SyncInterval || lastChunk) {
+            if (!sync(lastChunk))
+                return false;
+        } else if (unsynced % WritebackInterval == 0) {
+            if (!batch.flush())
+                return false;
+            ::sync_file_range(destination.get(), copied - WritebackInterval, WritebackInterval,
+                              SYNC_FILE_RANGE_WRITE);
+        }
+
+        if (!reportProgress)
+            continue;
+        unreported += count;
+        if (TLocalTime::getCurrentTime() - lastReport < ProgressInterval && !lastChunk)
+            continue;
+        if (!report()) {
+            batch.flush();
+            return false;
+        }
+    }
+
+    // A source that shrank while it was read ends without a last chunk; what
+    // it gave is still flushed and reported.
+    if (unsynced > 0 && !sync(true))
+        return false;
+    backgroundSync.wait();
+    if (unreported > 0 && !report())
+        return false;
+
+    // Permissions and stamp go to the file this call created, through its
+    // descriptor; every byte is written, so nothing changes the stamp later.
+    ::fchmod(destination.get(), copyMode(sourceDir, sourceName, sourceStatus.st_mode));
+    if (stampFileTime)
+        stampWithOffsetClock(destination.get());
+    return true;
+}
