@@ -140,3 +140,11 @@ EntryType Directory::typeOf(const QByteArray &name) const
         return EntryType::Gone;
     return ::typeOf(status);
 }
+
+EntryType Directory::targetTypeOf(const QByteArray &name) const
+{
+    struct stat status;
+    if (::fstatat(m_fd, name.constData(), &status, 0) != 0)
+        return EntryType::Gone;
+    return ::typeOf(status);
+}

@@ -59,6 +59,16 @@ bool DirectoryPath::contains(const struct stat &status) const
     return false;
 }
 
+bool DirectoryPath::innermostRepeats() const
+{
+    const Level &innermost = m_levels.back();
+    for (std::size_t i = 0; i + 1 < m_levels.size(); ++i) {
+        if (m_levels[i].device == innermost.device && m_levels[i].inode == innermost.inode)
+            return true;
+    }
+    return false;
+}
+
 bool DirectoryPath::reopen(std::size_t index)
 {
     std::size_t open = index;

@@ -45,6 +45,9 @@ public:
     // Whether a directory of the descent, the root included, is the one
     // status describes (device and inode).
     bool contains(const struct stat &status) const;
+    // Whether the innermost directory is also one further out: the descent
+    // went round a cycle of links.
+    bool innermostRepeats() const;
 
 private:
     struct Level

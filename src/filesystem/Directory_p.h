@@ -25,6 +25,13 @@ struct DirectoryEntry
     EntryType type;
 };
 
+// Names beginning with '.' are hidden: the walks leave them alone, as a
+// directory listing by Qt's rules does.
+inline bool isHiddenName(const QByteArray &name)
+{
+    return name.startsWith('.');
+}
+
 // An open directory, known by its descriptor and closed when the object
 // ends. Everything below it is reached relative to the descriptor, so a
 // directory above it that is renamed, or swapped for a symbolic link, after
@@ -71,6 +78,9 @@ public:
 
     // The type of name, without following a link.
     EntryType typeOf(const QByteArray &name) const;
+    // The type of what name leads to, following links: never Link; Gone for
+    // a link to nothing.
+    EntryType targetTypeOf(const QByteArray &name) const;
 
 private:
     explicit Directory(int fd);

@@ -1,6 +1,7 @@
 #include "TFileSystemHelper.h"
 #include "Directory_p.h"
 #include "FileCopier_p.h"
+#include "TreeCopy_p.h"
 #include "TreeDelete_p.h"
 
 #include <Trellis/TLocalTime.h>
@@ -34,106 +35,6 @@ static_assert(sizeof(off_t) == 8, "Trellis needs a 64-bit off_t");
 namespace {
 
 constexpr int TarTimeout = 30000; // milliseconds
-
-// The canonical path that path reaches once its missing trailing components
-// exist: the longest existing leading part is resolved by the kernel, links
-// followed, and the rest appended. Relative paths start at the working
-// directory.
-QString resolvedPath(const QString &path)
-{
-    QString existing
-            = QDir::isAbsolutePath(path) ? path : QDir::currentPath() + QLatin1Char('/') + path;
-    QString missing;
-    for (;;) {
-        const QString canonical = QFileInfo(existing).canonicalFilePath();
-        if (!canonical.isEmpty())
-            return QDir::cleanPath(canonical + QLatin1Char('/') + missing);
-        const int slash = existing.lastIndexOf(QLatin1Char('/'));
-        if (slash <= 0)
-            return QDir::cleanPath(QLatin1Char('/') + existing.mid(slash + 1) + QLatin1Char('/')
-                                   + missing);
-        missing = existing.mid(slash + 1) + QLatin1Char('/') + missing;
-        existing.truncate(slash);
-    }
-}
-
-bool isWithin(const QString &path, const QString &dir)
-{
-    if (dir.isEmpty())
-        return false;
-    if (dir.endsWith(QLatin1Char('/'))) // the root directory
-        return path.startsWith(dir);
-    return path.startsWith(dir)
-            && (path.size() == dir.size() || path.at(dir.size()) == QLatin1Char('/'));
-}
-
-// Where something created or written at destDir can land. QDir::mkpath()
-// creates the lexically cleaned path while later writes go through destDir as
-// the kernel resolves it, so both readings count.
-struct Landing
-{
-    explicit Landing(const QString &destDir)
-        : resolved(resolvedPath(destDir)), cleaned(resolvedPath(QDir::cleanPath(destDir)))
-    { }
-    bool within(const QString &dir) const
-    {
-        return isWithin(resolved, dir) || isWithin(cleaned, dir);
-    }
-
-    const QString resolved;
-    const QString cleaned;
-};
-
-// One CopyDir() call: the source tree's canonical root and the canonical
-// directories of the current descent, outermost first.
-class TreeCopy
-{
-public:
-    explicit TreeCopy(const QString &sourceDir)
-        : m_sourceRoot(QFileInfo(sourceDir).canonicalFilePath())
-    { }
-
-    bool copy(const QString &sourceDir, const QString &destDir)
-    {
-        const QString source = QFileInfo(sourceDir).canonicalFilePath();
-        const Landing landing(destDir);
-        if (landing.within(m_sourceRoot) || landing.within(source) || m_descent.contains(source))
-            return false;
-
-        // One listing, in name order ignoring case, split into the
-        // subdirectories and the files; each part keeps that order. The
-        // listing knows each entry's type, so the split asks the disk nothing.
-        QFileInfoList dirs;
-        QFileInfoList files;
-        const QFileInfoList entries = QDir(sourceDir).entryInfoList(
-                QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot, QDir::NoSort);
-        for (const QFileInfo &entry : entries)
-            (entry.isDir() ? dirs : files).append(entry);
-
-        const QDir destTree(destDir);
-        bool result = destTree.exists() || QDir().mkpath(destDir);
-        if (result) {
-            m_descent.append(source);
-            for (const QFileInfo &dir : dirs)
-                result = copy(dir.absoluteFilePath(), destDir + QLatin1Char('/') + dir.fileName())
-                        && result;
-            m_descent.removeLast();
-        }
-        if (result) {
-            for (const QFileInfo &file : files)
-                result = TFileSystemHelper::FileCopy(file.absoluteFilePath(),
-                                                     destDir + QLatin1Char('/') + file.fileName(),
-                                                     true)
-                        && result;
-        }
-        TLocalTime::setFileTime(destTree.absolutePath());
-        return result;
-    }
-
-private:
-    const QString m_sourceRoot;
-    QStringList m_descent;
-};
 
 // tar reads an operand beginning with '-' as an option; "./" keeps it a name.
 QString tarOperand(const QString &name)
@@ -331,7 +232,7 @@ bool TFileSystemHelper::Zip(QString archiveFile, QStringList files)
 
 bool TFileSystemHelper::CopyDir(const QString &sourceDir, const QString &destDir)
 {
-    return TreeCopy(sourceDir).copy(sourceDir, destDir);
+    return TreeCopy::run(sourceDir, destDir);
 }
 
 bool TFileSystemHelper::DeleteDirGeneric(const QString &dirPath, bool ignoreErrors,

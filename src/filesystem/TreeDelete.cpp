@@ -13,20 +13,6 @@
 
 namespace {
 
-bool isHidden(const QByteArray &name)
-{
-    return name.startsWith('.');
-}
-
-// Whether the walk sees a link: only one that leads to a file or a
-// directory, as a directory listing by Qt's rules admits it.
-bool leadsToFileOrDirectory(const Directory &directory, const QByteArray &name)
-{
-    struct stat target;
-    return ::fstatat(directory.fd(), name.constData(), &target, 0) == 0
-            && (S_ISREG(target.st_mode) || S_ISDIR(target.st_mode));
-}
-
 // Removes a file, or a link as a link. A regular file that stays gets the
 // permissions QFile::WriteUser alone, unless it has other names whose
 // permissions those are too. The permissions of a removed file cannot be
@@ -86,7 +72,7 @@ public:
             }
             // A copy: entering a directory adds a frame, which may move this one.
             const DirectoryEntry entry = frame.entries[frame.next++];
-            if (!isHidden(entry.name) && !deleteEntry(entry))
+            if (!isHiddenName(entry.name) && !deleteEntry(entry))
                 return false;
         }
         return true;
@@ -105,8 +91,13 @@ private:
         case EntryType::File:
             return removeFile(*directory, entry.name) || m_ignoreErrors;
         case EntryType::Link:
-            if (!leadsToFileOrDirectory(*directory, entry.name))
+            switch (directory->targetTypeOf(entry.name)) {
+            case EntryType::Directory:
+            case EntryType::File:
+                break;
+            default:
                 return true; // not seen: a dangling link or one to a special file
+            }
             return removeFile(*directory, entry.name) || m_ignoreErrors;
         case EntryType::Special:
         case EntryType::Gone:

@@ -17,6 +17,7 @@
 
 #include <functional>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -49,6 +50,18 @@ QStringList fingerprint(const QString &dir)
                            .arg(QString::fromLatin1(content.toHex()));
     }
     return entries;
+}
+
+// Every entry below dir, by find: its path relative to dir, type and size.
+QByteArray listing(const QString &dir)
+{
+    QProcess find;
+    find.start(QStringLiteral("find"),
+               { dir, QStringLiteral("-printf"), QStringLiteral("%P %y %s\\n") });
+    find.waitForFinished(-1);
+    QByteArrayList lines = find.readAllStandardOutput().split('\n');
+    std::sort(lines.begin(), lines.end());
+    return lines.join('\n');
 }
 
 // Hands the tree under path to the ordinary user the attacker runs as.
@@ -198,6 +211,58 @@ private slots:
             TFileSystemHelper::FileCopy(source, destination, false);
         QCOMPARE(fingerprint(m_dir->path()).filter(QStringLiteral("precious")),
                  untouched.filter(QStringLiteral("precious")));
+    }
+
+    // A name is bytes: one in no valid encoding is copied like any other.
+    void copyDirKeepsNamesAsBytes()
+    {
+        const QByteArray source = QFile::encodeName(path(QStringLiteral("source")));
+        const QByteArray odd = "caf\xe9";
+        QVERIFY(QDir().mkpath(path(QStringLiteral("source"))));
+        QCOMPARE(::mkdir(source + '/' + odd, 0755), 0);
+        for (const QByteArray &name : { odd + "/" + odd + ".txt", odd + ".txt" }) {
+            QFile file(QFile::decodeName(source + '/' + name));
+            const int fd = ::open(source + '/' + name, O_WRONLY | O_CREAT, 0644);
+            QVERIFY(fd >= 0 && file.open(fd, QIODevice::WriteOnly, QFileDevice::AutoCloseHandle));
+            QCOMPARE(file.write(name), qint64(name.size()));
+        }
+        QVERIFY(TFileSystemHelper::CopyDir(path(QStringLiteral("source")),
+                                           path(QStringLiteral("copy"))));
+        QCOMPARE(QProcess::execute(QStringLiteral("diff"),
+                                   { QStringLiteral("-r"), path(QStringLiteral("source")),
+                                     path(QStringLiteral("copy")) }),
+                 0);
+        QVERIFY(TFileSystemHelper::DeleteDirGeneric(path(QStringLiteral("copy")), false, true));
+        QVERIFY(!QFileInfo::exists(path(QStringLiteral("copy"))));
+    }
+
+    // Deeper than PATH_MAX and than the descriptors a process may hold: the
+    // walks neither give up nor run out.
+    void deepTrees()
+    {
+        constexpr int Depth = 3000;
+        int fd = ::open(QFile::encodeName(m_dir->path()), O_RDONLY | O_DIRECTORY);
+        QCOMPARE(::mkdirat(fd, "deep", 0755), 0);
+        for (int level = 0; level < Depth && fd >= 0; ++level) {
+            const int child = ::openat(fd, level ? "d" : "deep", O_RDONLY | O_DIRECTORY);
+            ::close(fd);
+            fd = child;
+            if (level + 1 < Depth)
+                QCOMPARE(::mkdirat(fd, "d", 0755), 0);
+            const int file = ::openat(fd, "file.txt", O_WRONLY | O_CREAT, 0644);
+            QVERIFY(file >= 0 && ::write(file, "x", 1) == 1);
+            ::close(file);
+        }
+        QVERIFY(fd >= 0);
+        ::close(fd);
+        QVERIFY(TFileSystemHelper::CopyDir(path(QStringLiteral("deep")),
+                                           path(QStringLiteral("copy"))));
+        // diff -r stops at PATH_MAX; find walks as deep as the tree goes.
+        QCOMPARE(listing(path(QStringLiteral("copy"))), listing(path(QStringLiteral("deep"))));
+        for (const QString &tree : { QStringLiteral("deep"), QStringLiteral("copy") }) {
+            QVERIFY(TFileSystemHelper::DeleteDirGeneric(path(tree), false, true));
+            QVERIFY(!QFileInfo::exists(path(tree)));
+        }
     }
 
     // What has no end, or may block its reader, is refused at once: the copy
