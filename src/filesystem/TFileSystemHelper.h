@@ -263,21 +263,37 @@ public:
         failure. Nothing is undone. A missing source gives a created, stamped,
         empty destination and true.
 
-        Overlapping trees are refused, comparing canonical paths (links
-        followed, also for parts of \a destDir that do not exist yet):
+        Both trees are walked through descriptors: each directory below the
+        tops is opened relative to its parent's, and files are copied
+        relative to their directories, so nothing below the tops is found
+        again by its path, names are kept as the bytes the file system gives
+        (a name in no valid encoding is copied like any other), and the
+        depth is bounded by neither PATH_MAX nor the thread's stack. On the
+        source side links are followed, as said above; on the destination
+        side, below \a destDir, a link is never followed: a subdirectory
+        whose copy would go through one fails. A source directory that cannot
+        be listed (no permission, an I/O error) fails too, after its copy was
+        created and stamped, and so does everything above it.
+
+        Overlapping trees are refused, comparing devices and inodes, so no
+        alias (a link, a bind mount) gets past:
         \list
-        \li a destination that is the source or lies inside it: the result is
-            false and nothing is created, written or stamped;
-        \li below the top, a directory whose copy would land inside the source
-            tree (a link in an existing destination leading into the source)
-            or inside the directory being copied (a linked directory leading
-            to the destination), or that is already being copied further up
-            the current descent (a linked directory leading back up, a
-            cycle): it is not entered, nothing is created for it, and it
-            counts as a subdirectory that could not be copied.
+        \li a destination that is the source or lies inside it (the deepest
+            existing directory of \a destDir, as the kernel reads the path,
+            and every directory above it): the result is false and nothing is
+            created, written or stamped;
+        \li below the top, a source directory that is already being copied
+            further up the current descent (a linked directory leading back
+            up, a cycle) or that is a directory the copy is writing into (a
+            linked directory leading into the destination), and a
+            destination directory that is one being read: it is not entered,
+            nothing is created for it, and it counts as a subdirectory that
+            could not be copied.
         \endlist
-        So the call always ends and never writes into the source tree; the
-        single-file copy refuses to copy a file onto itself.
+        So the call always ends and never writes into the source tree through
+        a link; the single-file copy refuses to copy a file onto itself. A
+        bind mount inside an existing destination that leads into the source
+        is found at the top only.
 
         Runs in the calling thread; nothing coordinates concurrent writers of
         the same trees.
