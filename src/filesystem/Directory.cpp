@@ -1,5 +1,7 @@
 #include "Directory_p.h"
 
+#include <QFile>
+
 #include <cerrno>
 #include <memory>
 #include <utility>
@@ -40,6 +42,12 @@ struct DirCloser
 };
 
 } // namespace
+
+bool nameOrderIgnoringCase(const QByteArray &a, const QByteArray &b)
+{
+    const int order = QFile::decodeName(a).toLower().compare(QFile::decodeName(b).toLower());
+    return order != 0 ? order < 0 : a < b;
+}
 
 Directory::Directory(int fd) : m_fd(fd)
 {

@@ -1,83 +1,18 @@
 #include "TFileSystemHelper.h"
+
+#include "Archive_p.h"
 #include "Directory_p.h"
 #include "FileCopier_p.h"
+#include "FilterDelete_p.h"
 #include "TreeCopy_p.h"
 #include "TreeDelete_p.h"
 
-#include <Trellis/TLocalTime.h>
-
 #include <QCoreApplication>
-#include <QDir>
-#include <QDirIterator>
 #include <QFile>
-#include <QFileInfo>
-#include <QMetaObject>
-#include <QObject>
-#include <QProcess>
-#include <QRegularExpression>
 
 #include <algorithm>
-#include <cerrno>
-#include <future>
-#include <memory>
-#include <system_error>
-#include <utility>
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-// With a 32-bit off_t, files past 2 GiB could be neither copied nor removed
-// correctly; 32-bit builds must be compiled with -D_FILE_OFFSET_BITS=64 (the
-// build does so).
-static_assert(sizeof(off_t) == 8, "Trellis needs a 64-bit off_t");
-
-namespace {
-
-constexpr int TarTimeout = 30000; // milliseconds
-
-// tar reads an operand beginning with '-' as an option; "./" keeps it a name.
-QString tarOperand(const QString &name)
-{
-    return name.startsWith(QLatin1Char('-')) ? QLatin1String("./") + name : name;
-}
-
-// tar takes the argument of -f as it stands, except "-" (standard input or
-// output) and a name with a ':' before its first '/' (host:file, a remote
-// archive); "./" keeps both local files.
-QString tarArchive(const QString &archiveFile)
-{
-    const int colon = archiveFile.indexOf(QLatin1Char(':'));
-    const int slash = archiveFile.indexOf(QLatin1Char('/'));
-    if (archiveFile == QLatin1String("-") || (colon > 0 && (slash < 0 || colon < slash)))
-        return QLatin1String("./") + archiveFile;
-    return archiveFile;
-}
-
-bool runTar(const QStringList &arguments)
-{
-    QProcess tar;
-    tar.start(QStringLiteral("tar"), arguments, QIODevice::ReadWrite);
-    if (tar.waitForFinished(TarTimeout))
-        return true;
-    if (tar.state() != QProcess::NotRunning) {
-        // Ending it here spares the warning QProcess's destructor would print.
-        tar.kill();
-        tar.waitForFinished(-1);
-    }
-    return false;
-}
-
-QStringList tarOperands(const QStringList &files)
-{
-    QStringList operands;
-    operands.reserve(files.size());
-    for (const QString &file : files)
-        operands.append(tarOperand(file));
-    return operands;
-}
-
-} // namespace
 
 const QString &TFileSystemHelper::GetInvalidFileNameString()
 {
@@ -184,50 +119,22 @@ bool TFileSystemHelper::FileCopy(const QString &srcFile, const QString &destFile
 int TFileSystemHelper::DeleteFiles(const QString &nameFilter, const QString &dirPath,
                                    QStringList &deletedFiles, QStringList &failedFiles)
 {
-    deletedFiles.clear();
-    failedFiles.clear();
-    QDir dir(dirPath);
-    if (!dir.exists())
-        return 4;
-    // Qt matches names through the filter's regular expression and, when
-    // the filter makes none (an unbalanced '['), logs a warning for every
-    // entry and matches nothing.
-    if (!QRegularExpression(QRegularExpression::wildcardToRegularExpression(nameFilter)).isValid())
-        return 3;
-    dir.setNameFilters(QStringList(nameFilter));
-    const QStringList names = dir.entryList(QDir::Files, QDir::NoSort);
-    if (names.isEmpty())
-        return 3;
-
-    int result = 1;
-    for (const QString &name : names) {
-        if (dir.remove(name)) {
-            deletedFiles.append(name);
-        } else {
-            failedFiles.append(name);
-            result = 2;
-        }
-    }
-    return result;
+    return FilterDelete::run(nameFilter, dirPath, deletedFiles, failedFiles);
 }
 
 bool TFileSystemHelper::Unzip(QString archiveFile, QString destDir)
 {
-    return runTar(
-            { QStringLiteral("-xzf"), tarArchive(archiveFile), QStringLiteral("-C"), destDir });
+    return Archive::unpack(archiveFile, destDir);
 }
 
 bool TFileSystemHelper::Zip(QString archiveFile, QString baseDir, QStringList files)
 {
-    return runTar(QStringList { QStringLiteral("-czf"), tarArchive(archiveFile),
-                                QStringLiteral("-C"), baseDir }
-                  + tarOperands(files));
+    return Archive::pack(archiveFile, &baseDir, files);
 }
 
 bool TFileSystemHelper::Zip(QString archiveFile, QStringList files)
 {
-    return runTar(QStringList { QStringLiteral("-czf"), tarArchive(archiveFile) }
-                  + tarOperands(files));
+    return Archive::pack(archiveFile, nullptr, files);
 }
 
 bool TFileSystemHelper::CopyDir(const QString &sourceDir, const QString &destDir)

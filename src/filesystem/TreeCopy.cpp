@@ -23,14 +23,6 @@ struct Listing
     bool complete = true; // false when the directory could not be listed
 };
 
-// Name order ignoring case, as QDir::Name | QDir::IgnoreCase sorts; names
-// equal but for case in byte order, so the order is always the same.
-bool comesBefore(const QByteArray &a, const QByteArray &b)
-{
-    const int order = QFile::decodeName(a).toLower().compare(QFile::decodeName(b).toLower());
-    return order != 0 ? order < 0 : a < b;
-}
-
 Listing list(const Directory &directory)
 {
     Listing listing;
@@ -46,8 +38,8 @@ Listing list(const Directory &directory)
         else if (type == EntryType::File)
             listing.files.push_back(entry.name);
     }
-    std::sort(listing.directories.begin(), listing.directories.end(), comesBefore);
-    std::sort(listing.files.begin(), listing.files.end(), comesBefore);
+    std::sort(listing.directories.begin(), listing.directories.end(), nameOrderIgnoringCase);
+    std::sort(listing.files.begin(), listing.files.end(), nameOrderIgnoringCase);
     return listing;
 }
 
