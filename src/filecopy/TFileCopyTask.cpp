@@ -1,5 +1,7 @@
 #include "TFileCopyTask.h"
 
+#include "filesystem/Directory_p.h"
+
 #include <Trellis/TFileSystemHelper.h>
 
 #include <QDir>
@@ -117,6 +119,15 @@ void CollectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth, Descen
     // links back up) is an entry of its own, so that it is recreated.
     if (out.size() == collectedBefore)
         out.append(info);
+}
+
+// Whether the directory at path can be listed: an empty listing then means
+// an empty directory, not one that could not be read.
+bool canBeListed(const QString &path)
+{
+    const Directory directory = Directory::open(QFile::encodeName(path));
+    std::vector<DirectoryEntry> entries;
+    return directory.isOpen() && directory.list(entries);
 }
 
 // Appends to out the entries of info, depth first in listing order, splitting
@@ -426,6 +437,11 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
     if (destination.isNull())
         return false;
     if (fileInfo.isDir()) {
+        // A directory is an entry when its listing gave nothing to copy:
+        // one that could not be listed at all has not been copied. The
+        // result of mkpath() is not looked at, by the task's rules.
+        if (!canBeListed(source))
+            return false;
         QDir().mkpath(destination);
         return true;
     }

@@ -265,6 +265,39 @@ private slots:
         }
     }
 
+    // A directory that cannot be listed is a failure, never an empty one.
+    // Root may list anything, so as root the test runs itself as nobody.
+    void unreadableDirectoriesFail()
+    {
+        if (::geteuid() == 0) {
+            if (!whyNoOtherUser().isEmpty())
+                QSKIP(qPrintable(whyNoOtherUser()));
+            QProcess child;
+            child.start(QStringLiteral("setpriv"),
+                        { QStringLiteral("--reuid=%1").arg(Nobody),
+                          QStringLiteral("--regid=%1").arg(Nobody),
+                          QStringLiteral("--clear-groups"), QCoreApplication::applicationFilePath(),
+                          QString::fromLatin1(QTest::currentTestFunction()) });
+            const HangWatch watch(QStringLiteral("this test run as nobody"));
+            QVERIFY(child.waitForFinished(-1));
+            QVERIFY2(child.exitCode() == 0, child.readAll().constData());
+            return;
+        }
+        QTemporaryDir own; // nobody cannot write in the root's temporary directory
+        QVERIFY(own.isValid());
+        const QString source = own.filePath(QStringLiteral("source"));
+        QVERIFY(QDir().mkpath(source + QStringLiteral("/locked")));
+        QVERIFY(writeFile(source + QStringLiteral("/locked/inside.txt"), "inside"));
+        QVERIFY(QFile::setPermissions(source + QStringLiteral("/locked"), QFile::ExeOwner));
+        const auto unlock = qScopeGuard([&] {
+            QFile::setPermissions(source + QStringLiteral("/locked"),
+                                  QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        });
+        QVERIFY(!TFileSystemHelper::CopyDir(source, own.filePath(QStringLiteral("copy"))));
+        QVERIFY(!TFileSystemHelper::DeleteDirGeneric(source, false, true));
+        QVERIFY(QFileInfo::exists(source + QStringLiteral("/locked")));
+    }
+
     // What has no end, or may block its reader, is refused at once: the copy
     // fails and creates nothing, the digest is that of no data.
     void specialFilesAreRefused_data()
