@@ -1,5 +1,10 @@
 #include "Archive_p.h"
 
+#include "Directory_p.h"
+#include "UnpackCheck_p.h"
+
+#include <QFile>
+
 #include <QProcess>
 
 namespace {
@@ -24,12 +29,22 @@ QString tarArchive(const QString &archiveFile)
     return archiveFile;
 }
 
-bool runTar(const QStringList &arguments)
+// Runs tar and waits for it; true when it ended in time. With listing, tar
+// runs in the C locale and its output is kept there.
+bool runTar(const QStringList &arguments, QByteArray *listing = nullptr)
 {
     QProcess tar;
+    if (listing) {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C"));
+        tar.setProcessEnvironment(environment);
+    }
     tar.start(QStringLiteral("tar"), arguments, QIODevice::ReadWrite);
-    if (tar.waitForFinished(TarTimeout))
+    if (tar.waitForFinished(TarTimeout)) {
+        if (listing)
+            *listing = tar.readAllStandardOutput();
         return true;
+    }
     if (tar.state() != QProcess::NotRunning) {
         // Ending it here spares the warning QProcess's destructor would print.
         tar.kill();
@@ -51,6 +66,17 @@ QStringList tarOperands(const QStringList &files)
 
 bool Archive::unpack(const QString &archiveFile, const QString &destDir)
 {
+    // Every member is checked before anything is written. Without a
+    // destination tar fails at once; that stays its own result.
+    const Directory destination = Directory::open(QFile::encodeName(destDir));
+    if (destination.isOpen()) {
+        QByteArray listing;
+        if (!runTar({ QStringLiteral("-tvzf"), tarArchive(archiveFile),
+                      QStringLiteral("--quoting-style=c"), QStringLiteral("--numeric-owner") },
+                    &listing)
+            || !UnpackCheck::staysInside(listing, destination))
+            return false;
+    }
     return runTar(
             { QStringLiteral("-xzf"), tarArchive(archiveFile), QStringLiteral("-C"), destDir });
 }

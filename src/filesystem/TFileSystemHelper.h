@@ -223,6 +223,18 @@ public:
     /*!
         Unpacks the archive \a archiveFile into the existing directory
         \a destDir: runs tar -xzf \a archiveFile -C \a destDir.
+
+        Nothing is written outside \a destDir. Before unpacking, tar lists
+        the archive (tar -tvzf, a second run with its own 30 seconds), and
+        the archive is refused whole, with false and nothing written, when a
+        member's name, or the name a hard link points to, is absolute or
+        holds a ".." component, or when a member's path passes through a
+        symbolic link that leads out of \a destDir: one the archive makes
+        earlier, or one already in \a destDir (so two archives cannot do it
+        in two steps either), chains of links followed. This is the one case
+        where the result is false although tar would have ended. What
+        another process changes in \a destDir while tar unpacks is not
+        guarded against.
     */
     static bool Unzip(QString archiveFile, QString destDir);
 

@@ -298,6 +298,56 @@ private slots:
         QVERIFY(QFileInfo::exists(source + QStringLiteral("/locked")));
     }
 
+    // An archive from an untrusted medium writes nothing outside the
+    // destination: Unzip refuses it whole. Each row's shell commands make,
+    // in the temporary directory, the archives unpacked in turn into dest/
+    // (first.tgz, when there, is unpacked before and may succeed);
+    // outside/ holds a file of the same name the archives aim at.
+    void unzipStaysInside_data()
+    {
+        QTest::addColumn<QString>("make");
+        const QString stage = QStringLiteral("mkdir -p stage && cd stage && ");
+        QTest::newRow("absolute member")
+                << QStringLiteral("tar -czPf last.tgz \"$PWD/outside/file\"");
+        QTest::newRow("'..' member")
+                << stage + QStringLiteral("tar -czPf ../last.tgz ../outside/file");
+        QTest::newRow("member through a link of the archive")
+                << stage + QStringLiteral("ln -s ../outside x && tar -czf ../last.tgz x x/file");
+        QTest::newRow("member through a link an earlier archive made")
+                << stage
+                        + QStringLiteral(
+                                "ln -s ../outside x && tar -czf ../first.tgz x && rm x && "
+                                "mkdir x && echo new > x/file && tar -czf ../last.tgz x/file");
+        QTest::newRow("member through a chain of links") << stage
+                        + QStringLiteral("mkdir d && ln -s ../.. d/up && ln -s d/up y && "
+                                         "ln -s y/outside z && tar -czf ../last.tgz d y z z/file");
+    }
+    void unzipStaysInside()
+    {
+        QFETCH(QString, make);
+        const QString outside = path(QStringLiteral("outside"));
+        QVERIFY(QDir().mkdir(outside));
+        QVERIFY(writeFile(outside + QStringLiteral("/file"), "outside"));
+        const QStringList untouched = fingerprint(outside);
+        QProcess shell;
+        shell.setWorkingDirectory(m_dir->path());
+        shell.start(QStringLiteral("sh"), { QStringLiteral("-c"), make });
+        QVERIFY(shell.waitForFinished(-1));
+        QVERIFY2(shell.exitCode() == 0, shell.readAllStandardError().constData());
+        // The shell's own staging tree may hold links out; only the archives count.
+        QVERIFY(QDir(path(QStringLiteral("stage"))).removeRecursively());
+        QVERIFY(writeFile(outside + QStringLiteral("/file"), "outside"));
+
+        const QString dest = path(QStringLiteral("dest"));
+        QVERIFY(QDir().mkdir(dest));
+        if (QFileInfo::exists(path(QStringLiteral("first.tgz"))))
+            QVERIFY(TFileSystemHelper::Unzip(path(QStringLiteral("first.tgz")), dest));
+        const QStringList before = fingerprint(dest);
+        QVERIFY(!TFileSystemHelper::Unzip(path(QStringLiteral("last.tgz")), dest));
+        QCOMPARE(fingerprint(dest), before);
+        QCOMPARE(fingerprint(outside), untouched);
+    }
+
     // What has no end, or may block its reader, is refused at once: the copy
     // fails and creates nothing, the digest is that of no data.
     void specialFilesAreRefused_data()
