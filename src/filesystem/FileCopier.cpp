@@ -40,25 +40,6 @@ bool isSameFile(const struct stat &a, const struct stat &b)
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// Opens the source without blocking, so that a FIFO or a device cannot hold
-// the call: only what has an end is read, a regular file or a block device.
-// Like QFile, a directory does not count as opened.
-int openSource(int dir, const QByteArray &name, struct stat &status)
-{
-    int fd;
-    do {
-        fd = ::openat(dir, name.constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
-    if (fd < 0)
-        return -1;
-    if (::fstat(fd, &status) != 0 || !(S_ISREG(status.st_mode) || S_ISBLK(status.st_mode))
-        || ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 // What lies at a destination name before a copy.
 enum class Occupant { Nothing, Source, Other };
 
@@ -144,7 +125,7 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
     // The source is opened before anything is removed, so that a destination
     // reaching the same file can be recognised by device and inode.
     struct stat sourceStatus;
-    FileDescriptor source(openSource(sourceDir, sourceName, sourceStatus));
+    FileDescriptor source(openReadableFile(sourceDir, sourceName.constData(), sourceStatus));
     const bool sourceOpen = source.isOpen();
     const struct stat *sourceFile = sourceOpen ? &sourceStatus : nullptr;
     const Occupant atDest = occupant(destDir, destName, sourceFile);

@@ -8,7 +8,15 @@
 #ifndef TRELLIS_FILEDESCRIPTOR_P_H
 #define TRELLIS_FILEDESCRIPTOR_P_H
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+// Opens name, relative to the directory dir (AT_FDCWD: a path), for reading,
+// without blocking, so that a FIFO cannot hold the call, and keeps it only
+// when it has an end: a regular file or a block device, whose status is put
+// in status. -1 for anything else (a directory, a FIFO, a socket, a
+// character device such as /dev/zero) and on failure.
+int openReadableFile(int dir, const char *name, struct stat &status);
 
 // A file descriptor that is closed when it goes out of scope.
 class FileDescriptor
