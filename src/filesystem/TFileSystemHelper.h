@@ -194,9 +194,14 @@ public:
         \li 2 when at least one match could not be removed (the others were);
         \li 3 when the directory exists but nothing in it matches, which is
             always the case for a filter that is not a valid pattern, such
-            as one with an unbalanced '[';
+            as one with an unbalanced '[', and for a directory that cannot
+            be listed (no read permission);
         \li 4 when the directory does not exist (or is not a directory).
         \endlist
+
+        The directory is listed, and its files removed, through one
+        descriptor, so a name is removed by its own bytes (also one in no
+        valid encoding) and nothing outside the directory is reached.
     */
     static int DeleteFiles(const QString &nameFilter, const QString &dirPath,
                            QStringList &deletedFiles, QStringList &failedFiles);
