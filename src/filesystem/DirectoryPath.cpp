@@ -52,21 +52,23 @@ const Directory *DirectoryPath::innermost()
 
 bool DirectoryPath::contains(const struct stat &status) const
 {
-    for (const Level &level : m_levels) {
-        if (level.device == status.st_dev && level.inode == status.st_ino)
-            return true;
-    }
-    return false;
+    return indexOf(status.st_dev, status.st_ino) < m_levels.size();
 }
 
 bool DirectoryPath::innermostRepeats() const
 {
     const Level &innermost = m_levels.back();
-    for (std::size_t i = 0; i + 1 < m_levels.size(); ++i) {
-        if (m_levels[i].device == innermost.device && m_levels[i].inode == innermost.inode)
-            return true;
-    }
-    return false;
+    return indexOf(innermost.device, innermost.inode) + 1 < m_levels.size();
+}
+
+// The outermost level that is the directory device and inode name, or the
+// depth plus one when there is none.
+std::size_t DirectoryPath::indexOf(dev_t device, ino_t inode) const
+{
+    std::size_t i = 0;
+    while (i < m_levels.size() && !(m_levels[i].device == device && m_levels[i].inode == inode))
+        ++i;
+    return i;
 }
 
 bool DirectoryPath::reopen(std::size_t index)

@@ -59,6 +59,7 @@ private:
         ino_t inode;
     };
 
+    std::size_t indexOf(dev_t device, ino_t inode) const;
     bool reopen(std::size_t index);
     void closeOutermost();
 
