@@ -183,8 +183,8 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
         return goOn;
     };
 
-    // A read that found the end ends the copy; the next one would only find
-    // it again.
+    // The chunk that reaches the end, by a short read or by the source's
+    // size, is the last: reading on would only find the end again.
     while (!atEnd) {
         char *chunk = batch.nextChunk();
         if (!chunk)
@@ -200,6 +200,7 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
         copied += count;
         const bool lastChunk = count < CopyChunkSize
                 || (copied >= sourceSize && (sourceSize = fileSize(source.get())) <= copied);
+        atEnd = atEnd || lastChunk;
 
         unsynced += count;
         if (unsynced >= SyncInterval || lastChunk) {
