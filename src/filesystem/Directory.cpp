@@ -2,6 +2,7 @@
 
 #include <QFile>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <utility>
@@ -43,10 +44,16 @@ struct DirCloser
 
 } // namespace
 
-bool nameOrderIgnoringCase(const QByteArray &a, const QByteArray &b)
+void sortIgnoringCase(std::vector<QByteArray> &names)
 {
-    const int order = QFile::decodeName(a).toLower().compare(QFile::decodeName(b).toLower());
-    return order != 0 ? order < 0 : a < b;
+    // Each name is decoded and lower-cased once, not at every comparison.
+    std::vector<std::pair<QString, QByteArray>> keyed;
+    keyed.reserve(names.size());
+    for (QByteArray &name : names)
+        keyed.emplace_back(QFile::decodeName(name).toLower(), std::move(name));
+    std::sort(keyed.begin(), keyed.end());
+    for (std::size_t i = 0; i < names.size(); ++i)
+        names[i] = std::move(keyed[i].second);
 }
 
 Directory::Directory(int fd) : m_fd(fd)

@@ -32,9 +32,9 @@ inline bool isHiddenName(const QByteArray &name)
     return name.startsWith('.');
 }
 
-// Name order ignoring case, as QDir::Name | QDir::IgnoreCase sorts; names
+// Sorts names ignoring case, as QDir::Name | QDir::IgnoreCase sorts; names
 // equal but for case in byte order, so that the order is always the same.
-bool nameOrderIgnoringCase(const QByteArray &a, const QByteArray &b);
+void sortIgnoringCase(std::vector<QByteArray> &names);
 
 // An open directory, known by its descriptor and closed when the object
 // ends. Everything below it is reached relative to the descriptor, so a

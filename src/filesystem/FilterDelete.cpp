@@ -6,7 +6,6 @@
 #include <QFile>
 #include <QRegularExpression>
 
-#include <algorithm>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -43,7 +42,7 @@ int FilterDelete::run(const QString &nameFilter, const QString &dirPath, QString
     }
     if (names.empty())
         return 3;
-    std::sort(names.begin(), names.end(), nameOrderIgnoringCase);
+    sortIgnoringCase(names);
 
     int result = 1;
     for (const QByteArray &name : names) {

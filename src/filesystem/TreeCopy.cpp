@@ -6,7 +6,6 @@
 
 #include <QFile>
 
-#include <algorithm>
 #include <cerrno>
 
 #include <sys/stat.h>
@@ -38,8 +37,8 @@ Listing list(const Directory &directory)
         else if (type == EntryType::File)
             listing.files.push_back(entry.name);
     }
-    std::sort(listing.directories.begin(), listing.directories.end(), nameOrderIgnoringCase);
-    std::sort(listing.files.begin(), listing.files.end(), nameOrderIgnoringCase);
+    sortIgnoringCase(listing.directories);
+    sortIgnoringCase(listing.files);
     return listing;
 }
 
