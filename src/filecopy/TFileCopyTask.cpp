@@ -1,11 +1,10 @@
 #include "TFileCopyTask.h"
 
-#include "filesystem/Directory_p.h"
+#include "EntryCollector_p.h"
 
 #include <Trellis/TFileSystemHelper.h>
 
 #include <QDir>
-#include <QFile>
 #include <QMetaType>
 #include <QRegularExpression>
 
@@ -13,132 +12,13 @@
 #include <atomic>
 #include <mutex>
 #include <utility>
-#include <vector>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
 // How deep a work item is collected when it is measured and when it is copied.
 constexpr int WorkItemDepth = 100;
-
-// The identity of a file, the same through every link or mount that leads to it.
-struct FileId
-{
-    dev_t device;
-    ino_t inode;
-
-    bool operator==(const FileId &other) const
-    {
-        return device == other.device && inode == other.inode;
-    }
-};
-
-// Looks up the file that path leads to, following links; false if there is none.
-bool LookUpFileId(const QString &path, FileId *id)
-{
-    struct stat status;
-    if (::stat(QFile::encodeName(path).constData(), &status) != 0)
-        return false;
-    *id = { status.st_dev, status.st_ino };
-    return true;
-}
-
-bool Contains(const std::vector<FileId> &ids, const FileId &id)
-{
-    return std::find(ids.cbegin(), ids.cend(), id) != ids.cend();
-}
-
-// The directories that a collection must not enter: those on its way down
-// from its root, and those above the root. Each of them contains the
-// directory being listed, so entering one again through a link would repeat
-// the descent without end.
-class Descent
-{
-public:
-    explicit Descent(const QFileInfo &root) : root(root) { }
-
-    bool AtRoot() const { return path.empty(); }
-    void Enter(const FileId &id) { path.push_back(id); }
-    void Leave() { path.pop_back(); }
-
-    bool Encloses(const FileId &id)
-    {
-        // Looked up when first needed: most collections are of single files
-        // or of directories without subdirectories.
-        if (!aboveKnown) {
-            aboveKnown = true;
-            QString directory = root.canonicalFilePath();
-            while (!directory.isEmpty() && directory != QLatin1String("/")) {
-                directory = QFileInfo(directory).path();
-                FileId aboveId;
-                if (LookUpFileId(directory, &aboveId))
-                    above.push_back(aboveId);
-            }
-        }
-        return Contains(path, id) || Contains(above, id);
-    }
-
-private:
-    const QFileInfo root;
-    bool aboveKnown = false;
-    std::vector<FileId> above;
-    std::vector<FileId> path;
-};
-
-void CollectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth, Descent &descent)
-{
-    if (!info.exists())
-        return;
-    if (!info.isDir()) {
-        out.append(info);
-        return;
-    }
-    FileId id;
-    if (!LookUpFileId(info.absoluteFilePath(), &id) || (!descent.AtRoot() && descent.Encloses(id)))
-        return;
-    if (depth == 0) {
-        out.append(info);
-        return;
-    }
-
-    const QFileInfoList children
-            = QDir(info.absoluteFilePath())
-                      .entryInfoList(QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot,
-                                     QDir::Name | QDir::IgnoreCase);
-    // A negative depth never reaches 0; it is kept as it is rather than
-    // counted down towards an overflow.
-    const int childDepth = depth > 0 ? depth - 1 : depth;
-    const int collectedBefore = out.size();
-    descent.Enter(id);
-    for (const QFileInfo &child : children)
-        CollectInto(child, out, childDepth, descent);
-    descent.Leave();
-    // A directory that gave no entry (empty, hidden entries only, or only
-    // links back up) is an entry of its own, so that it is recreated.
-    if (out.size() == collectedBefore)
-        out.append(info);
-}
-
-// Whether the directory at path can be listed: an empty listing then means
-// an empty directory, not one that could not be read.
-bool canBeListed(const QString &path)
-{
-    const Directory directory = Directory::open(QFile::encodeName(path));
-    std::vector<DirectoryEntry> entries;
-    return directory.isOpen() && directory.list(entries);
-}
-
-// Appends to out the entries of info, depth first in listing order, splitting
-// directories down to depth levels below info (all the way when negative).
-void CollectEntries(const QFileInfo &info, QList<QFileInfo> &out, int depth)
-{
-    // A fresh object: a cached status may be older than the batch.
-    const QFileInfo root(info.filePath());
-    Descent descent(root);
-    CollectInto(root, out, depth, descent);
-}
 
 // A destination prefix, in which a place marker stands for each entry's
 // complete base name. QString::arg() warns about a text without one, and the
@@ -198,9 +78,10 @@ public:
     {
         bytesTotal = 0;
         pending.clear();
+        collector.clear();
         for (const QFileInfo &source : std::as_const(sources)) {
             QList<QFileInfo> items;
-            CollectEntries(source, items, depth);
+            collector.collect(source, items, depth);
             for (const QFileInfo &item : std::as_const(items)) {
                 if (srcPattern.indexIn(item.absoluteFilePath()) < 0)
                     continue;
@@ -212,7 +93,7 @@ public:
                     continue;
                 }
                 QList<QFileInfo> entries;
-                CollectEntries(item, entries, WorkItemDepth);
+                collector.collect(item, entries, WorkItemDepth);
                 for (const QFileInfo &entry : std::as_const(entries))
                     bytesTotal += entry.size();
             }
@@ -263,6 +144,7 @@ public:
     QString destPrefix;
     QString altDestPrefix;
     QRegExp srcPattern;
+    EntryCollector collector;
     std::atomic<bool> stopRequested { false };
 };
 
@@ -384,7 +266,7 @@ void TFileCopyTask::Run()
 
         if (d->state == StateCopying) {
             QList<QFileInfo> entries;
-            CollectEntries(item, entries, WorkItemDepth);
+            d->collector.collect(item, entries, WorkItemDepth);
             for (const QFileInfo &entry : std::as_const(entries)) {
                 if (skip) {
                     ++d->filesSkipped;
@@ -430,6 +312,8 @@ bool TFileCopyTask::OnBytesWritten(qint64 bytes)
 
 bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const QString &destPrefix)
 {
+    if (d->collector.isUnreadable(fileInfo))
+        return false;
     const QString source = fileInfo.absoluteFilePath();
     const QString destination = DestinationPath(source, pattern, destPrefix);
     // Left unchanged, the path of an entry that the prefix does not match
@@ -437,11 +321,8 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
     if (destination.isNull())
         return false;
     if (fileInfo.isDir()) {
-        // A directory is an entry when its listing gave nothing to copy:
-        // one that could not be listed at all has not been copied. The
+        // A directory is an entry when its listing gave nothing to copy. The
         // result of mkpath() is not looked at, by the task's rules.
-        if (!canBeListed(source))
-            return false;
         QDir().mkpath(destination);
         return true;
     }

@@ -6,7 +6,6 @@
 #include <QFile>
 #include <QRegularExpression>
 
-
 #include <fcntl.h>
 #include <unistd.h>
 

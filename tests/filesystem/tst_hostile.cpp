@@ -5,12 +5,14 @@
 
 #include "HangWatch.h"
 
+#include <Trellis/TFileCopyTask.h>
 #include <Trellis/TFileHash.h>
 #include <Trellis/TFileSystemHelper.h>
 
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -70,6 +72,26 @@ bool giveToNobody(const QString &path)
     return QProcess::execute(QStringLiteral("chown"),
                              { QStringLiteral("-R"), QStringLiteral("%1:%1").arg(Nobody), path })
             == 0;
+}
+
+// The state in which a copy task's first pass over source ends, items depth
+// levels below it; -1 when it has not ended in two minutes. A file copied
+// after source keeps a failure in source from ending the batch, which would
+// read as state 4.
+int copyTaskState(const QString &source, const QString &destination, int depth)
+{
+    const QString after = source + QStringLiteral(".after");
+    if (!writeFile(after, "after"))
+        return -1;
+    TFileCopyTask task;
+    QSignalSpy states(&task, &TFileCopyTask::State);
+    task.CopyFiles({ QFileInfo(after), QFileInfo(source) },
+                   QRegExp::escape(QFileInfo(source).path()), destination, depth);
+    if (!states.wait(120000)) {
+        qWarning("the copy task's pass did not end");
+        return -1;
+    }
+    return states.first().first().toInt();
 }
 
 // The attacker process (hostile_attacker, next to this program), as root or
@@ -214,7 +236,9 @@ private slots:
     }
 
     // A name is bytes: one in no valid encoding is copied like any other.
-    void copyDirKeepsNamesAsBytes()
+    // The copy task names files by text, so it reports such a name as a
+    // failure, at whatever depth it meets it.
+    void namesInNoEncoding()
     {
         const QByteArray source = QFile::encodeName(path(QStringLiteral("source")));
         const QByteArray odd = "caf\xe9";
@@ -234,6 +258,12 @@ private slots:
                  0);
         QVERIFY(TFileSystemHelper::DeleteDirGeneric(path(QStringLiteral("copy")), false, true));
         QVERIFY(!QFileInfo::exists(path(QStringLiteral("copy"))));
+        for (const int depth : { 0, 1, 2 })
+            QCOMPARE(copyTaskState(path(QStringLiteral("source")), path(QStringLiteral("task")),
+                                   depth),
+                     int(TFileCopyTask::StateCopyFailed));
+        // QTemporaryDir names what it removes by text: it would leave these.
+        QVERIFY(TFileSystemHelper::DeleteDirGeneric(path(QStringLiteral("source")), false, true));
     }
 
     // Deeper than PATH_MAX and than the descriptors a process may hold: the
@@ -294,6 +324,9 @@ private slots:
                                   QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         });
         QVERIFY(!TFileSystemHelper::CopyDir(source, own.filePath(QStringLiteral("copy"))));
+        for (const int depth : { 0, 1 })
+            QCOMPARE(copyTaskState(source, own.filePath(QStringLiteral("task")), depth),
+                     int(TFileCopyTask::StateCopyFailed));
         QVERIFY(!TFileSystemHelper::DeleteDirGeneric(source, false, true));
         QVERIFY(QFileInfo::exists(source + QStringLiteral("/locked")));
     }

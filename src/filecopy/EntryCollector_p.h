@@ -1,0 +1,50 @@
+//
+//  W A R N I N G
+//  -------------
+//
+// This file is not part of the Trellis API. It is internal to the library
+// and may change or disappear from one version to the next.
+
+#ifndef TRELLIS_ENTRYCOLLECTOR_P_H
+#define TRELLIS_ENTRYCOLLECTOR_P_H
+
+#include <QFileInfo>
+#include <QList>
+#include <QSet>
+#include <QString>
+
+// Collects the entries a copy task copies: files, and directories that hold
+// nothing to copy, depth first in name order ignoring case. A listing admits
+// what QDir::Dirs | QDir::Files would: no hidden entries, no special files,
+// no links to nothing.
+//
+// An entry the collector could not read completely is collected all the
+// same, in its place, and is known as unreadable from then on: a directory
+// that could not be listed, and a name that the locale's encoding cannot
+// represent (its path names some other file, or none). Copying it must fail
+// rather than count it as copied.
+class EntryCollector
+{
+public:
+    // Appends to out the entries of info, splitting directories down to
+    // depth levels below info (all the way when negative). Nothing for an
+    // info that names nothing, unless it was collected as unreadable.
+    void collect(const QFileInfo &info, QList<QFileInfo> &out, int depth);
+
+    bool isUnreadable(const QFileInfo &entry) const
+    {
+        return m_unreadable.contains(entry.absoluteFilePath());
+    }
+
+    // Forgets the unreadable entries: a new batch looks at everything anew.
+    void clear() { m_unreadable.clear(); }
+
+private:
+    class Descent;
+    void collectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth, Descent &descent);
+    void markUnreadable(const QFileInfo &entry, QList<QFileInfo> &out);
+
+    QSet<QString> m_unreadable; // absolute paths
+};
+
+#endif // TRELLIS_ENTRYCOLLECTOR_P_H
