@@ -73,6 +73,11 @@ class TFileCopyTaskPrivate;
     ends, whatever the depth, also with a negative depth, and the entries do
     not depend on the depth at which the batch is split.
 
+    Entries are named by text (QFileInfo), so an entry whose name the
+    locale's encoding cannot represent cannot be copied: it fails to copy
+    where it is met, as does a directory that cannot be listed, rather than
+    being left out unseen.
+
     \section1 Threads and locks
 
     The task keeps its fields under one non-recursive mutex, and a stop
