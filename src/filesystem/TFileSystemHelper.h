@@ -352,8 +352,13 @@ public:
         is not removed (the result is then false when \a deleteRootDir is
         true).
 
-        Runs in the calling thread; entries appearing while it runs may or
-        may not be seen.
+        The subdirectories of \a dirPath are deleted in parallel, by up to
+        four threads, the calling one among them (fewer when no more can be
+        started): deleting is mostly waiting for the file system, which
+        serves several directories at once. The call returns when all are
+        done. With \a ignoreErrors false, the first failure stops every
+        thread, so which other entries are gone by then varies. Entries
+        appearing while it runs may or may not be seen.
     */
     static bool DeleteDirGeneric(const QString &dirPath, bool ignoreErrors, bool deleteRootDir);
 };

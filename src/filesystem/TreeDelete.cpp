@@ -5,13 +5,21 @@
 #include <QDir>
 #include <QFile>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <system_error>
+#include <thread>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace {
+
+// Deleting is mostly waiting for the file system, which serves several
+// directories at once even on one processor.
+constexpr std::size_t MaxThreads = 4;
 
 // Removes a file, or a link as a link. A regular file that stays gets the
 // permissions QFile::WriteUser alone, unless it has other names whose
@@ -47,33 +55,38 @@ struct Frame
     QByteArray name; // in its parent
 };
 
+// A walk below the root, by one thread. Walks of other threads may share
+// the failure flag: with errors not ignored, the first failure of any stops
+// them all.
 class Walk
 {
 public:
-    Walk(Directory root, bool ignoreErrors) : m_path(std::move(root)), m_ignoreErrors(ignoreErrors)
+    Walk(Directory root, bool ignoreErrors, std::atomic<bool> &failed)
+        : m_path(std::move(root)), m_ignoreErrors(ignoreErrors), m_failed(failed)
     { }
 
-    // Deletes what the root holds. False at the first failure when errors
-    // are not ignored; with errors ignored, false only when the walk could
-    // not get back to a directory it had left.
-    bool run()
+    // Deletes entries, listed from the root, and everything below them.
+    // False at the first failure when errors are not ignored; with errors
+    // ignored, false only when the walk could not get back to a directory
+    // it had left.
+    bool run(std::vector<DirectoryEntry> entries)
     {
-        Frame root;
-        if (!m_path.innermost()->list(root.entries) && !m_ignoreErrors)
-            return false;
-        m_frames.push_back(std::move(root));
-
+        if (!m_path.innermost()->isOpen())
+            return stop();
+        m_frames.push_back({ std::move(entries), 0, QByteArray() });
         while (!m_frames.empty()) {
+            if (m_failed.load(std::memory_order_relaxed) && !m_ignoreErrors)
+                return stop();
             Frame &frame = m_frames.back();
             if (frame.next == frame.entries.size()) {
                 if (!leaveDirectory())
-                    return false;
+                    return stop();
                 continue;
             }
             // A copy: entering a directory adds a frame, which may move this one.
             const DirectoryEntry entry = frame.entries[frame.next++];
             if (!isHiddenName(entry.name) && !deleteEntry(entry))
-                return false;
+                return stop();
         }
         return true;
     }
@@ -145,10 +158,57 @@ private:
         return ::unlinkat(parent->fd(), name.constData(), AT_REMOVEDIR) == 0 || m_ignoreErrors;
     }
 
+    // Ends a walk that failed, ready for the next run().
+    bool stop()
+    {
+        m_failed = true;
+        while (m_path.depth() > 0)
+            m_path.pop();
+        m_frames.clear();
+        return false;
+    }
+
     DirectoryPath m_path;
     std::vector<Frame> m_frames;
     const bool m_ignoreErrors;
+    std::atomic<bool> &m_failed;
 };
+
+// Empties root: its subdirectories by up to MaxThreads threads, the calling
+// one among them, each taking the next subdirectory left; what else it
+// holds in the calling thread. Fewer threads when no more can be started.
+bool empty(const Directory &root, bool ignoreErrors)
+{
+    std::vector<DirectoryEntry> entries;
+    if (!root.list(entries) && !ignoreErrors)
+        return false;
+    const auto firstSubdirectory
+            = std::stable_partition(entries.begin(), entries.end(), [](const DirectoryEntry &e) {
+                  return e.type != EntryType::Directory;
+              });
+    std::vector<DirectoryEntry> subdirectories(firstSubdirectory, entries.end());
+    entries.erase(firstSubdirectory, entries.end());
+
+    std::atomic<bool> failed { false };
+    std::atomic<std::size_t> next { 0 };
+    const auto work = [&] {
+        // Each thread its own descriptor of the root, for its own descent.
+        Walk walk(root.openChild(".", Directory::Links::DoNotFollow), ignoreErrors, failed);
+        for (std::size_t i = next++; i < subdirectories.size(); i = next++)
+            walk.run({ subdirectories[i] });
+    };
+    std::vector<std::thread> helpers;
+    try {
+        while (helpers.size() + 1 < std::min(MaxThreads, subdirectories.size()))
+            helpers.emplace_back(work);
+    } catch (const std::system_error &) { }
+    work();
+    for (std::thread &helper : helpers)
+        helper.join();
+    Walk(root.openChild(".", Directory::Links::DoNotFollow), ignoreErrors, failed)
+            .run(std::move(entries));
+    return !failed;
+}
 
 } // namespace
 
@@ -157,8 +217,8 @@ bool TreeDelete::run(const QString &dirPath, bool ignoreErrors, bool deleteRootD
     QDir dir(dirPath);
     if (!dir.exists())
         return true;
-    Directory root = Directory::open(QFile::encodeName(dir.path()));
-    const bool emptied = root.isOpen() && Walk(std::move(root), ignoreErrors).run();
+    const Directory root = Directory::open(QFile::encodeName(dir.path()));
+    const bool emptied = root.isOpen() && empty(root, ignoreErrors);
     if (!emptied && !ignoreErrors)
         return false;
     if (!deleteRootDir)

@@ -663,6 +663,12 @@ private slots:
         QTest::addColumn<QStringList>("gone"); // what must be gone (walk order decides the rest)
         const QStringList tree = names("f1 f2 sub/g sub/deeper/h sub/empty/");
         const QStringList all = names("f1 f2 sub sub/deeper sub/deeper/h sub/empty sub/g");
+        // More subdirectories than threads delete them.
+        QStringList wide, wideAll;
+        for (int i = 0; i < 40; ++i) {
+            wide << QStringLiteral("w%1/x").arg(i) << QStringLiteral("w%1/d/y").arg(i);
+            wideAll << QStringLiteral("w%1").arg(i) << QStringLiteral("w%1/x").arg(i);
+        }
         for (bool root : { false, true }) {
             for (bool ignore : { false, true }) {
                 const char *how = ignore ? (root ? "ignore, delete root" : "ignore, keep root")
@@ -674,6 +680,9 @@ private slots:
                         << tree + names("blocked/.keep blocked/x") << ignore << root
                         << (ignore && !root) << names("blocked blocked/.keep")
                         << (ignore ? all : QStringList()) + names("blocked/x");
+                QTest::addRow("%s, many subdirectories, one blocked", how)
+                        << wide + names("f1 blocked/.keep") << ignore << root << (ignore && !root)
+                        << names("blocked blocked/.keep") << (ignore ? wideAll : QStringList());
                 QTest::addRow("%s, hidden file at the top", how)
                         << tree + names(".keep") << ignore << root << !root << names(".keep")
                         << all;
