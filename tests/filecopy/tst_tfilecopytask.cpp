@@ -1,12 +1,9 @@
 #include "CopyTestSupport.h"
 #include "HangWatch.h"
 
-#include "QtCompat.h"
-
 #include <Trellis/TFileCopyTask.h>
 #include <Trellis/TThreadedObject.h>
 
-#include <QMetaMethod>
 #include <QThread>
 
 #include <atomic>
@@ -48,34 +45,9 @@ class tst_TFileCopyTask : public QObject
     Q_OBJECT
 
 private slots:
-    void metaObject();
     void batches_data();
     void batches();
 };
-
-void tst_TFileCopyTask::metaObject()
-{
-    const QMetaObject &meta = TFileCopyTask::staticMetaObject;
-    const QList<QByteArray> signatures
-            = QByteArray(
-                      "State(int,QFileInfo) Progress(int,int,int) FileCopied(QFileInfo) Stop() "
-                      "SetFileExistAction(EFileExistsAction) Continue(EFileExistsAction) "
-                      "ContinueOverwrite() ContinueOverwriteAll() ContinueSkip() ContinueSkipAll() "
-                      "ContinueRename(EFileExistsAction,QString) Run() OnBytesWritten(qint64)")
-                      .split(' ');
-    QCOMPARE(meta.methodCount() - meta.methodOffset(), signatures.size());
-    for (int i = 0; i < signatures.size(); ++i) {
-        const QMetaMethod method = meta.method(meta.methodOffset() + i);
-        QCOMPARE(meta.indexOfMethod(signatures[i]), meta.methodOffset() + i);
-        // The meta-object spells qint64 by its meta-type name, qlonglong.
-        QCOMPARE(method.methodSignature(),
-                 QByteArray(signatures[i]).replace("qint64", QMetaType::fromType<qint64>().name()));
-        QCOMPARE(method.methodType(), i < 3 ? QMetaMethod::Signal : QMetaMethod::Slot);
-        QCOMPARE(method.access(), i >= 11 ? QMetaMethod::Private : QMetaMethod::Public);
-    }
-    TFileCopyTask task;
-    QVERIFY(QtCompat::MetaTypeIdByName("QFileInfo") != QMetaType::UnknownType);
-}
 
 // A row creates a tree (see MakeTree()) in a temporary directory, runs its
 // steps on one task, then matches the task's signals against events and
