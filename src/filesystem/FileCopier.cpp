@@ -3,6 +3,7 @@
 #include "BackgroundSync_p.h"
 #include "ChunkBatch_p.h"
 #include "FileDescriptor_p.h"
+#include "FlushPool_p.h"
 #include "time/FileStamp_p.h"
 
 #include <Trellis/TLocalTime.h>
@@ -117,7 +118,7 @@ QByteArray FileCopier::lowerCaseExtension(const QByteArray &name)
 
 bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
                       const QByteArray &destName, QObject *receiver, const char *member,
-                      bool stampFileTime)
+                      bool stampFileTime, FlushPool *flushPool)
 {
     const QByteArray actualDestName = lowerCaseExtension(destName);
     const bool renamed = actualDestName != destName;
@@ -164,7 +165,8 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
         const bool written = batch.flush();
         if (last) {
             backgroundSync.wait();
-            ::fsync(destination.get());
+            if (!flushPool)
+                ::fsync(destination.get());
         } else {
             backgroundSync.start();
         }
@@ -237,5 +239,7 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
     ::fchmod(destination.get(), copyMode(sourceDir, sourceName, sourceStatus.st_mode));
     if (stampFileTime)
         stampWithOffsetClock(destination.get());
+    if (flushPool)
+        flushPool->flushAndClose(destination.release());
     return true;
 }

@@ -10,6 +10,7 @@
 
 #include <QByteArray>
 
+class FlushPool;
 class QObject;
 
 // The single-file copy behind TFileSystemHelper::FileCopyWithProgress() and
@@ -22,8 +23,13 @@ namespace FileCopier {
 // lowerCaseExtension(destName), by the rules TFileSystemHelper.h gives for
 // FileCopyWithProgress(). The copy is created new (O_EXCL, O_NOFOLLOW), so
 // nothing that appears at its name meanwhile is ever written through.
+//
+// With a flush pool, the last flush is handed to the pool, after the copy
+// got its permissions and stamp, and the copy is durable only once the pool
+// has flushed it; without one it is durable when the call returns.
 bool copy(int sourceDir, const QByteArray &sourceName, int destDir, const QByteArray &destName,
-          QObject *receiver, const char *member, bool stampFileTime);
+          QObject *receiver, const char *member, bool stampFileTime,
+          FlushPool *flushPool = nullptr);
 
 // name with a final '.' and three letters A to Z lower-cased: the rule of
 // TFileSystemHelper::FileCopyLowerCaseDestFilename(), on a name's bytes.

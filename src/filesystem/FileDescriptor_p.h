@@ -8,6 +8,8 @@
 #ifndef TRELLIS_FILEDESCRIPTOR_P_H
 #define TRELLIS_FILEDESCRIPTOR_P_H
 
+#include <utility>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +31,8 @@ public:
 
     int get() const { return m_fd; }
     bool isOpen() const { return m_fd >= 0; }
+    // Gives the descriptor up, to be closed by whoever takes it.
+    int release() { return std::exchange(m_fd, -1); }
     void close()
     {
         if (m_fd >= 0)

@@ -312,8 +312,15 @@ public:
         bind mount inside an existing destination that leads into the source
         is found at the top only.
 
-        Runs in the calling thread; nothing coordinates concurrent writers of
-        the same trees.
+        Walks and copies in the calling thread. Each copied file is flushed
+        to the disk as FileCopy() does, but the last flush of each file is
+        left to up to four threads of the call's own (at most 16 files
+        waiting for one), so that copying goes on meanwhile and flushes share
+        the file system's journal commits: a copied file gets its
+        permissions and stamp before that flush, and the call returns only
+        when every file it copied is flushed. As with FileCopy(), the
+        results of the flushes are not looked at. Nothing coordinates
+        concurrent writers of the same trees.
     */
     static bool CopyDir(const QString &sourceDir, const QString &destDir);
 

@@ -2,6 +2,7 @@
 
 #include "DirectoryPath_p.h"
 #include "FileCopier_p.h"
+#include "FlushPool_p.h"
 #include "time/FileStamp_p.h"
 
 #include <QFile>
@@ -106,6 +107,8 @@ public:
             }
             result = leave();
         }
+        // Every file copied is on the disk before the copy is reported.
+        m_flushPool.waitForAll();
         return result;
     }
 
@@ -162,7 +165,7 @@ private:
         } else if (frame.ok) {
             for (const QByteArray &file : frame.listing.files)
                 ok = FileCopier::copy(source->fd(), file, destination->fd(), file, nullptr, nullptr,
-                                      true)
+                                      true, &m_flushPool)
                         && ok;
         }
         if (destination)
@@ -178,6 +181,7 @@ private:
     DirectoryPath m_source;
     DirectoryPath m_destination;
     std::vector<Frame> m_frames;
+    FlushPool m_flushPool;
 };
 
 } // namespace

@@ -529,6 +529,33 @@ private slots:
         }
     }
 
+    // The last flush of each file is left to other threads: every file
+    // copied is flushed all the same, before the call returns.
+    void copyDirFlushesEveryFile()
+    {
+        QStringList files;
+        for (int i = 0; i < 40; ++i)
+            files << QStringLiteral("d%1/f%2").arg(i % 3).arg(i);
+        QVERIFY(makeEntries(QStringLiteral("src"), files));
+        const QString dest = QDir::current().canonicalPath() + QStringLiteral("/dest");
+        QByteArray output;
+        const int exitCode = runProbe(names("strace -f -qq -y -e trace=fsync -o trace"),
+                                      { QStringLiteral("src"), dest }, &output);
+        if (exitCode != 0 && !exists(QStringLiteral("trace")))
+            QSKIP(qPrintable(QStringLiteral("strace cannot run here: ")
+                             + QString::fromLocal8Bit(output)));
+        QCOMPARE(exitCode, 0);
+        QCOMPARE(run(names("diff -r src") << dest), 0);
+        // Each line reads "pid fsync(fd</path>) = 0", perhaps split in two
+        // by another thread's call: the path is in the first half.
+        const QRegularExpression flushed(QStringLiteral("fsync\\(\\d+<([^>]*)>"));
+        QSet<QString> flushedFiles;
+        for (const QString &line : names(readFile(QStringLiteral("trace")).constData(), '\n'))
+            flushedFiles << flushed.match(line).captured(1);
+        for (const QString &file : files)
+            QVERIFY2(flushedFiles.contains(dest + QLatin1Char('/') + file), qPrintable(file));
+    }
+
     void copyDir_data()
     {
         QTest::addColumn<QString>("entries"); // made besides the common ones

@@ -1,0 +1,78 @@
+#include "FlushPool_p.h"
+
+#include <system_error>
+
+#include <unistd.h>
+
+namespace {
+
+void flushAndCloseHere(int fd)
+{
+    ::fsync(fd);
+    ::close(fd);
+}
+
+} // namespace
+
+FlushPool::~FlushPool()
+{
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_waiting.empty(); });
+        m_ending = true;
+    }
+    m_changed.notify_all();
+    for (std::thread &thread : m_threads)
+        thread.join();
+}
+
+void FlushPool::flushAndClose(int fd)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    // A thread more only when every one there is busy.
+    const bool allBusy = m_flushing + m_waiting.size() >= m_threads.size();
+    if (allBusy && m_threads.size() < MaxThreads && !startThread() && m_threads.empty()) {
+        lock.unlock();
+        flushAndCloseHere(fd);
+        return;
+    }
+    m_changed.wait(lock, [this] { return m_waiting.size() < MaxWaiting; });
+    m_waiting.push_back(fd);
+    lock.unlock();
+    m_changed.notify_all();
+}
+
+void FlushPool::waitForAll()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_waiting.empty() && m_flushing == 0; });
+}
+
+bool FlushPool::startThread()
+{
+    try {
+        m_threads.emplace_back([this] { work(); });
+        return true;
+    } catch (const std::system_error &) {
+        return false;
+    }
+}
+
+void FlushPool::work()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+        m_changed.wait(lock, [this] { return !m_waiting.empty() || m_ending; });
+        if (m_waiting.empty())
+            return; // ending
+        const int fd = m_waiting.front();
+        m_waiting.pop_front();
+        ++m_flushing;
+        lock.unlock();
+        m_changed.notify_all(); // room for one more
+        flushAndCloseHere(fd);
+        lock.lock();
+        --m_flushing;
+        m_changed.notify_all();
+    }
+}
