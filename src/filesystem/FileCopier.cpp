@@ -1,12 +1,9 @@
 #include "FileCopier_p.h"
 
-#include "BackgroundSync_p.h"
-#include "ChunkBatch_p.h"
+#include "DataCopy_p.h"
 #include "FileDescriptor_p.h"
 #include "FlushPool_p.h"
 #include "time/FileStamp_p.h"
-
-#include <Trellis/TLocalTime.h>
 
 #include <QMetaObject>
 #include <QObject>
@@ -25,13 +22,6 @@ static_assert(sizeof(off_t) == 8, "Trellis needs a 64-bit off_t");
 
 namespace {
 
-constexpr qint64 SyncInterval = 16000000;
-// The copy hands each 4 MiB written since the last fsync() to the disk
-// without waiting, so that the disk writes while the copy goes on and the
-// next fsync() waits for the last part only; this takes about a third off
-// the time spent in fsync() for a large file. A multiple of the chunk size.
-constexpr qint64 WritebackInterval = 4 * 1024 * 1024;
-constexpr qint64 ProgressInterval = 100; // milliseconds
 // How often a name that reappears at the destination after its removal is
 // removed again before the copy gives up.
 constexpr int CreateAttempts = 8;
@@ -145,93 +135,18 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
     if (!destination.isOpen())
         return false;
 
-    const bool reportProgress = receiver && member;
-    ChunkBatch batch(destination.get(), sourceStatus.st_size);
-    qint64 copied = 0;
-    qint64 unsynced = 0;
-    qint64 unreported = 0;
-    qint64 lastReport = reportProgress ? TLocalTime::getCurrentTime() : 0;
-    // The source's size is asked again only when the copy reaches it: asking
-    // costs a system call, and a short read already means the end.
-    qint64 sourceSize = sourceStatus.st_size;
-    bool atEnd = false;
-
-    // Every byte read so far reaches the descriptor before a flush to the
-    // disk, and before any return: a copy that fails keeps what it read.
-    // The last flush is complete, and all earlier ones, before the copy is
-    // reported done.
-    BackgroundSync backgroundSync(destination.get());
-    const auto sync = [&](bool last) {
-        const bool written = batch.flush();
-        if (last) {
-            backgroundSync.wait();
-            if (!flushPool)
-                ::fsync(destination.get());
-        } else {
-            backgroundSync.start();
-        }
-        unsynced = 0;
-        return written;
-    };
-    // What a report counts has reached the copy: the receiver may look.
-    const auto report = [&] {
-        if (!batch.flush())
-            return false;
-        bool goOn = true;
-        QMetaObject::invokeMethod(receiver, member, Qt::AutoConnection, Q_RETURN_ARG(bool, goOn),
-                                  Q_ARG(qint64, unreported));
-        unreported = 0;
-        lastReport = TLocalTime::getCurrentTime();
-        return goOn;
-    };
-
-    // The chunk that reaches the end, by a short read or by the source's
-    // size, is the last: reading on would only find the end again.
-    while (!atEnd) {
-        char *chunk = batch.nextChunk();
-        if (!chunk)
-            return false;
-        const qint64 count = readChunk(source.get(), chunk, CopyChunkSize, atEnd);
-        if (count < 0) {
-            batch.flush();
-            return false;
-        }
-        if (count == 0)
-            break;
-        batch.commit(count);
-        copied += count;
-        const bool lastChunk = count < CopyChunkSize
-                || (copied >= sourceSize && (sourceSize = fileSize(source.get())) <= copied);
-        atEnd = atEnd || lastChunk;
-
-        unsynced += count;
-        if (unsynced >= SyncInterval || lastChunk) {
-            if (!sync(lastChunk))
-                return false;
-        } else if (unsynced % WritebackInterval == 0) {
-            if (!batch.flush())
-                return false;
-            ::sync_file_range(destination.get(), copied - WritebackInterval, WritebackInterval,
-                              SYNC_FILE_RANGE_WRITE);
-        }
-
-        if (!reportProgress)
-            continue;
-        unreported += count;
-        if (TLocalTime::getCurrentTime() - lastReport < ProgressInterval && !lastChunk)
-            continue;
-        if (!report()) {
-            batch.flush();
-            return false;
-        }
+    DataCopy::Report report;
+    if (receiver && member) {
+        report = [receiver, member](qint64 bytes) {
+            bool goOn = true;
+            QMetaObject::invokeMethod(receiver, member, Qt::AutoConnection,
+                                      Q_RETURN_ARG(bool, goOn), Q_ARG(qint64, bytes));
+            return goOn;
+        };
     }
-
-    // A source that shrank while it was read ends without a last chunk; what
-    // it gave is still flushed and reported.
-    if (unsynced > 0 && !sync(true))
-        return false;
-    backgroundSync.wait();
-    if (unreported > 0 && !report())
+    if (!DataCopy(source.get(), destination.get(), sourceStatus.st_size, std::move(report),
+                  !flushPool)
+                 .run())
         return false;
 
     // Permissions and stamp go to the file this call created, through its

@@ -112,12 +112,16 @@ public:
         Only a regular file or a block device is read. Any other source (a
         directory, a FIFO, a socket, a character device such as /dev/zero)
         counts as a source that cannot be opened, at once: the call never
-        blocks on it nor reads without end. The source is read in
-        chunks of 4096 bytes, which are written to the copy in batches of up
-        to 1 MiB (as a buffered QFile would gather them, in larger writes).
-        The copy is flushed to the disk with fsync() each time 16,000,000
-        bytes (decimal) have been read since the last flush, in the
-        background while the copy goes on, and after its last chunk, when
+        blocks on it nor reads without end. The source is copied in
+        chunks of 4096 bytes, as far as what can be seen goes: the kernel
+        copies them (copy_file_range(), which lets a file system share the
+        blocks) in pieces that end where a flush is due; where it cannot
+        (across some file systems, from a block device), they are read one
+        by one and written in batches of up to 1 MiB, as a buffered QFile
+        would gather them. The copy is flushed to the disk with fsync() after
+        the chunk that brings the bytes copied since the last flush to
+        16,000,000 (decimal) or more, in the background while the copy goes
+        on, and after its last chunk, when
         the function waits for every flush; an empty source is never
         flushed. The result of fsync() is not looked at: a copy reported done
         is complete in the file, and as durable as the file system made it.

@@ -413,24 +413,36 @@ private slots:
         // Where the flushes come: a write must end at each of these offsets
         // and a flush begin after it.
         QTest::addColumn<QVector<qint64>>("syncPoints");
-        QTest::newRow("empty") << qint64(0) << QVector<qint64> {};
-        QTest::newRow("10000 bytes") << qint64(10000) << QVector<qint64> { 10000 };
-        QTest::newRow("two whole chunks") << qint64(8192) << QVector<qint64> { 8192 };
-        // 3907 chunks of 4096 bytes are the first to reach 16,000,000 bytes.
-        QTest::newRow("20,000,000 bytes")
-                << qint64(20000000) << QVector<qint64> { 16003072, 20000000 };
+        // Whether the kernel may copy (copy_file_range()); without it the
+        // copy reads and writes, on the same schedule.
+        QTest::addColumn<bool>("kernelCopy");
+        for (const bool kernelCopy : { true, false }) {
+            const char *how = kernelCopy ? "" : ", read and written";
+            QTest::addRow("empty%s", how) << qint64(0) << QVector<qint64> {} << kernelCopy;
+            QTest::addRow("10000 bytes%s", how)
+                    << qint64(10000) << QVector<qint64> { 10000 } << kernelCopy;
+            QTest::addRow("two whole chunks%s", how)
+                    << qint64(8192) << QVector<qint64> { 8192 } << kernelCopy;
+            // 3907 chunks of 4096 bytes are the first to reach 16,000,000 bytes.
+            QTest::addRow("20,000,000 bytes%s", how)
+                    << qint64(20000000) << QVector<qint64> { 16003072, 20000000 } << kernelCopy;
+        }
     }
 
     void systemCalls()
     {
         QFETCH(qint64, size);
         QFETCH(QVector<qint64>, syncPoints);
+        QFETCH(bool, kernelCopy);
         const QString source = QDir::current().canonicalPath() + QStringLiteral("/source");
         const QString copy = QDir::current().canonicalPath() + QStringLiteral("/copy");
         QVERIFY(writeFile(source, randomBytes(size)));
         QByteArray output;
-        const int exitCode = runProbe(names("strace -f -qq -y -e trace=desc -o trace"),
-                                      { source, copy }, &output);
+        const int exitCode
+                = runProbe(names(kernelCopy ? "strace -f -qq -y -e trace=desc -o trace"
+                                            : "env TRELLIS_PROBE_NO_KERNEL_COPY=1 strace -f -qq -y "
+                                              "-e trace=desc -o trace"),
+                           { source, copy }, &output);
         if (exitCode != 0 && !exists(QStringLiteral("trace")))
             QSKIP(qPrintable(QStringLiteral("strace cannot run here: ")
                              + QString::fromLocal8Bit(output)));
@@ -448,6 +460,9 @@ private slots:
         const QRegularExpression resumed(
                 QStringLiteral("^(?:(\\d+) +)?<\\.\\.\\. (\\w+) resumed>(.*)$"));
         const QRegularExpression asked(QStringLiteral(", (\\d+)\\) += -?\\d+$"));
+        // copy_file_range(in, offset, out, offset, ...) writes to its third argument.
+        const QRegularExpression copiedTo(
+                QStringLiteral("copy_file_range\\(\\d+<[^>]*>, [^,]*, \\d+<([^>]*)>"));
         const QRegularExpression result(QStringLiteral("\\) += (-?\\d+)$"));
         QHash<QString, QString> unfinishedPaths; // by thread
         QVector<qint64> reads; // the bytes asked for
@@ -458,7 +473,8 @@ private slots:
             const QRegularExpressionMatch start = started.match(line);
             const QRegularExpressionMatch end = resumed.match(line);
             const QString name = (start.hasMatch() ? start : end).captured(2);
-            QString path = start.captured(3);
+            const QRegularExpressionMatch copying = copiedTo.match(line);
+            QString path = copying.hasMatch() ? copying.captured(1) : start.captured(3);
             if (line.endsWith(QLatin1String("<unfinished ...>")))
                 unfinishedPaths.insert(start.captured(1), path);
             else if (end.hasMatch())
@@ -467,14 +483,18 @@ private slots:
             const qint64 bytesDone = result.match(line).captured(1).toLongLong();
             if (path == source && name == QLatin1String("read") && bytesAsked > 0)
                 reads.append(bytesAsked);
-            else if (path == copy && name == QLatin1String("write") && bytesDone > 0)
+            else if (path == copy
+                     && (name == QLatin1String("write") || name == QLatin1String("copy_file_range"))
+                     && bytesDone > 0)
                 writeEnds.append(written += bytesDone);
             else if (path == copy && name == QLatin1String("fsync") && start.hasMatch())
                 syncs.append(written);
         }
-        // The source is read in chunks of 4096 bytes; they reach the copy
-        // in larger writes, each flush after the chunks it covers.
+        // Read, the source is read in chunks of 4096 bytes; they reach the
+        // copy in larger writes, each flush after the chunks it covers.
         QVERIFY(std::all_of(reads.cbegin(), reads.cend(), [](qint64 n) { return n <= 4096; }));
+        if (!kernelCopy && size > 0)
+            QVERIFY(!reads.isEmpty());
         QCOMPARE(written, size);
         QCOMPARE(syncs.size(), syncPoints.size());
         for (int i = 0; i < syncs.size(); ++i) {

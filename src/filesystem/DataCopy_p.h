@@ -1,0 +1,64 @@
+//
+//  W A R N I N G
+//  -------------
+//
+// This file is not part of the Trellis API. It is internal to the library
+// and may change or disappear from one version to the next.
+
+#ifndef TRELLIS_DATACOPY_P_H
+#define TRELLIS_DATACOPY_P_H
+
+#include "BackgroundSync_p.h"
+#include "ChunkBatch_p.h"
+
+#include <QtGlobal>
+
+#include <functional>
+
+// Moves the contents of one open file to the end of another, on the schedule
+// that TFileSystemHelper::FileCopyWithProgress() documents for chunks of
+// CopyChunkSize bytes: a flush to the disk after the chunk that crosses
+// each 16,000,000 bytes since the last one and after the last chunk, and
+// progress reports at most every 100 ms and after the last chunk, together
+// counting every byte copied.
+//
+// The bytes are copied in the kernel (copy_file_range(), which also lets a
+// file system share blocks) in pieces that end where the schedule has
+// something to do; where the kernel refuses (across file systems on old
+// kernels, a block device), they are read and written in chunks.
+class DataCopy
+{
+public:
+    // Called with the bytes copied since the last report; false stops the
+    // copy.
+    using Report = std::function<bool(qint64 bytes)>;
+
+    // sourceSize: the source's size as last seen. Without lastFlush the last
+    // flush is left to the caller.
+    DataCopy(int source, int destination, qint64 sourceSize, Report report, bool lastFlush);
+
+    // Copies up to the source's end. False when reading or writing failed
+    // or a report stopped the copy; what was read is written all the same.
+    bool run();
+
+private:
+    qint64 copyPiece(qint64 size, bool &atEnd);
+    qint64 copyInKernel(qint64 size, bool &atEnd);
+    bool flush(bool last);
+    bool report();
+
+    const int m_source;
+    const int m_destination;
+    const Report m_report;
+    const bool m_lastFlush;
+    qint64 m_sourceSize;
+    qint64 m_copied = 0;
+    bool m_inKernel = true;
+    ChunkBatch m_batch;
+    BackgroundSync m_backgroundSync;
+    qint64 m_unsynced = 0;
+    qint64 m_unreported = 0;
+    qint64 m_lastReport = 0;
+};
+
+#endif // TRELLIS_DATACOPY_P_H
