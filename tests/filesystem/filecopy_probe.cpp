@@ -4,7 +4,8 @@
 // or with CopyDir when SOURCE is a directory, and exits with 0 when the copy
 // returned true, 1 when it returned false and 2 on bad usage. With
 // TRELLIS_PROBE_NO_KERNEL_COPY set, copy_file_range() fails with ENOSYS, as
-// on a kernel without it. With a limit, files this process
+// on a kernel without it; where no seccomp filter can be installed (under an
+// emulator) the probe exits with 3 before copying. With a limit, files this process
 // writes may not grow past that many bytes: a write beyond it fails instead of killing the process.
 // The tests run it under strace and with such a limit.
 
@@ -45,7 +46,7 @@ int main(int argc, char **argv)
     if (argc < 3 || argc > 4)
         return 2;
     if (std::getenv("TRELLIS_PROBE_NO_KERNEL_COPY") && !refuseKernelCopy())
-        return 2;
+        return 3;
     if (argc == 4) {
         std::signal(SIGXFSZ, SIG_IGN);
         const rlim_t limit = std::strtoull(argv[3], nullptr, 10);

@@ -446,6 +446,8 @@ private slots:
         if (exitCode != 0 && !exists(QStringLiteral("trace")))
             QSKIP(qPrintable(QStringLiteral("strace cannot run here: ")
                              + QString::fromLocal8Bit(output)));
+        if (!kernelCopy && exitCode == 3)
+            QSKIP("no seccomp filter can refuse copy_file_range() here (an emulator?)");
         QCOMPARE(exitCode, 0);
         QCOMPARE(readFile(copy), readFile(source));
 

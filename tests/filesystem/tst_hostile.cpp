@@ -4,6 +4,7 @@
 // never by sleeps. Rows that need root skip, saying so, when not root.
 
 #include "HangWatch.h"
+#include "programcommand.h"
 
 #include <Trellis/TFileCopyTask.h>
 #include <Trellis/TFileHash.h>
@@ -94,6 +95,13 @@ int copyTaskState(const QString &source, const QString &destination, int depth)
     return states.first().first().toInt();
 }
 
+// The words that run a command as the ordinary user nobody.
+QStringList asUserNobody()
+{
+    return { QStringLiteral("setpriv"), QStringLiteral("--reuid=%1").arg(Nobody),
+             QStringLiteral("--regid=%1").arg(Nobody), QStringLiteral("--clear-groups") };
+}
+
 // The attacker process (hostile_attacker, next to this program), as root or
 // as the ordinary user nobody; killed when the object ends.
 class Attacker
@@ -101,16 +109,12 @@ class Attacker
 public:
     Attacker(bool asNobody, const QStringList &arguments)
     {
-        const QString program
-                = QCoreApplication::applicationDirPath() + QStringLiteral("/hostile_attacker");
+        QStringList command = programCommand(QCoreApplication::applicationDirPath()
+                                             + QStringLiteral("/hostile_attacker"))
+                + arguments;
         if (asNobody)
-            m_process.start(QStringLiteral("setpriv"),
-                            QStringList { QStringLiteral("--reuid=%1").arg(Nobody),
-                                          QStringLiteral("--regid=%1").arg(Nobody),
-                                          QStringLiteral("--clear-groups"), program }
-                                    + arguments);
-        else
-            m_process.start(program, arguments);
+            command = asUserNobody() + command;
+        m_process.start(command.takeFirst(), command);
     }
     ~Attacker()
     {
@@ -302,12 +306,11 @@ private slots:
         if (::geteuid() == 0) {
             if (!whyNoOtherUser().isEmpty())
                 QSKIP(qPrintable(whyNoOtherUser()));
+            QStringList command
+                    = asUserNobody() + programCommand(QCoreApplication::applicationFilePath())
+                    << QString::fromLatin1(QTest::currentTestFunction());
             QProcess child;
-            child.start(QStringLiteral("setpriv"),
-                        { QStringLiteral("--reuid=%1").arg(Nobody),
-                          QStringLiteral("--regid=%1").arg(Nobody),
-                          QStringLiteral("--clear-groups"), QCoreApplication::applicationFilePath(),
-                          QString::fromLatin1(QTest::currentTestFunction()) });
+            child.start(command.takeFirst(), command);
             const HangWatch watch(QStringLiteral("this test run as nobody"));
             QVERIFY(child.waitForFinished(-1));
             QVERIFY2(child.exitCode() == 0, child.readAll().constData());
