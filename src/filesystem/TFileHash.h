@@ -20,7 +20,7 @@ public:
         Returns the raw 16-byte MD5 digest (RFC 1321) of the contents of the
         file \a fileName; QByteArray::toHex() turns it into the usual text.
 
-        The file is read in 2048-byte pieces through one fixed buffer, so
+        The file is read in 128 KiB pieces through one fixed buffer, so
         memory use does not grow with its size. There is no error result: a
         file that cannot be opened (missing, unreadable, a directory) gives the
         digest of no data, d41d8cd98f00b204e9800998ecf8427e, the same as an

@@ -295,8 +295,8 @@ private slots:
     {
         QTest::addColumn<QString>("path");
         QTest::addColumn<int>("size"); // written there first; -1: nothing written
-        // Around the 2048-byte piece the file is read in, and well beyond it.
-        for (int size : { 0, 1, 2047, 2048, 2049, 3 * 1024 * 1024 + 123 })
+        // Around the 128 KiB piece the file is read in, and well beyond it.
+        for (int size : { 0, 1, 2048, 131071, 131072, 131073, 3 * 1024 * 1024 + 123 })
             QTest::addRow("%d bytes", size) << QStringLiteral("file") << size;
         // There is no error result: what cannot be read gives the digest of no data.
         QTest::newRow("missing file") << QStringLiteral("missing") << -1;
