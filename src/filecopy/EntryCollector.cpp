@@ -93,10 +93,8 @@ private:
 
 void EntryCollector::collect(const QFileInfo &info, QList<QFileInfo> &out, int depth)
 {
-    // A fresh object: a cached status may be older than the batch.
-    const QFileInfo root(info.filePath());
-    Descent descent(root);
-    collectInto(root, out, depth, descent);
+    Descent descent(info);
+    collectInto(info, out, depth, descent);
 }
 
 void EntryCollector::collectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth,
@@ -108,9 +106,11 @@ void EntryCollector::collectInto(const QFileInfo &info, QList<QFileInfo> &out, i
         out.append(info);
         return;
     }
-    if (!info.exists())
+    // One look at the entry answers both questions.
+    const bool isDir = info.isDir();
+    if (!isDir && !info.exists())
         return;
-    if (!info.isDir() || depth == 0) {
+    if (!isDir || depth == 0) {
         out.append(info);
         return;
     }

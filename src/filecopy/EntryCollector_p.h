@@ -28,7 +28,9 @@ class EntryCollector
 public:
     // Appends to out the entries of info, splitting directories down to
     // depth levels below info (all the way when negative). Nothing for an
-    // info that names nothing, unless it was collected as unreadable.
+    // info that names nothing, unless it was collected as unreadable. What
+    // info has cached about its file is taken as it stands: hand over an
+    // object that has not looked at it yet, or has just done so.
     void collect(const QFileInfo &info, QList<QFileInfo> &out, int depth);
 
     bool isUnreadable(const QFileInfo &entry) const

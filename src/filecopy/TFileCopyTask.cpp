@@ -1,10 +1,12 @@
 #include "TFileCopyTask.h"
 
 #include "EntryCollector_p.h"
+#include "filesystem/FileCopier_p.h"
 
 #include <Trellis/TFileSystemHelper.h>
 
 #include <QDir>
+#include <QFile>
 #include <QMetaType>
 #include <QRegularExpression>
 
@@ -106,7 +108,9 @@ public:
     // name the copier will write, its extension lower-cased.
     bool DestinationExists(const QFileInfo &item, const DestinationPrefix &prefix) const
     {
-        if (!item.exists())
+        // Asked first: the one look it takes at the item answers exists() too.
+        const bool isFile = item.isFile();
+        if (!isFile && !item.exists())
             return false;
         const QString destination
                 = DestinationPath(item.absoluteFilePath(), srcPattern, prefix.For(item));
@@ -114,7 +118,7 @@ public:
             return false;
         if (QFileInfo::exists(destination))
             return true;
-        if (!item.isFile())
+        if (!isFile)
             return false;
         const QString written = TFileSystemHelper::FileCopyLowerCaseDestFilename(destination);
         return written != destination && QFileInfo::exists(written);
@@ -326,7 +330,10 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
         QDir().mkpath(destination);
         return true;
     }
-    QDir().mkpath(QFileInfo(destination).absolutePath());
-    return TFileSystemHelper::FileCopyWithProgress(source, destination, this, "OnBytesWritten",
-                                                   true);
+    // The copy reports to OnBytesWritten() as FileCopyWithProgress() would,
+    // in this thread, without looking the slot up by name for every report.
+    return FileCopier::copy(
+            QFile::encodeName(source), QFile::encodeName(destination),
+            [this](qint64 bytes) { return OnBytesWritten(bytes); }, true,
+            FileCopier::MissingDirectory::Create);
 }

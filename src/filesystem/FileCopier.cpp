@@ -1,15 +1,16 @@
 #include "FileCopier_p.h"
 
-#include "DataCopy_p.h"
+#include "Directory_p.h"
 #include "FileDescriptor_p.h"
 #include "FlushPool_p.h"
 #include "time/FileStamp_p.h"
 
+#include <QDir>
+#include <QFile>
 #include <QMetaObject>
 #include <QObject>
 
 #include <cerrno>
-#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -107,8 +108,8 @@ QByteArray FileCopier::lowerCaseExtension(const QByteArray &name)
 }
 
 bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
-                      const QByteArray &destName, QObject *receiver, const char *member,
-                      bool stampFileTime, FlushPool *flushPool)
+                      const QByteArray &destName, const Report &report, bool stampFileTime,
+                      FlushPool *flushPool)
 {
     const QByteArray actualDestName = lowerCaseExtension(destName);
     const bool renamed = actualDestName != destName;
@@ -135,18 +136,7 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
     if (!destination.isOpen())
         return false;
 
-    DataCopy::Report report;
-    if (receiver && member) {
-        report = [receiver, member](qint64 bytes) {
-            bool goOn = true;
-            QMetaObject::invokeMethod(receiver, member, Qt::AutoConnection,
-                                      Q_RETURN_ARG(bool, goOn), Q_ARG(qint64, bytes));
-            return goOn;
-        };
-    }
-    if (!DataCopy(source.get(), destination.get(), sourceStatus.st_size, std::move(report),
-                  !flushPool)
-                 .run())
+    if (!DataCopy(source.get(), destination.get(), sourceStatus.st_size, report, !flushPool).run())
         return false;
 
     // Permissions and stamp go to the file this call created, through its
@@ -157,4 +147,35 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
     if (flushPool)
         flushPool->flushAndClose(destination.release());
     return true;
+}
+
+bool FileCopier::copy(const QByteArray &sourcePath, const QByteArray &destPath,
+                      const Report &report, bool stampFileTime, MissingDirectory missing,
+                      FlushPool *flushPool)
+{
+    const int slash = destPath.lastIndexOf('/');
+    const QByteArray destDirPath = slash < 0 ? QByteArray(".")
+            : slash == 0                     ? QByteArray("/")
+                                             : destPath.left(slash);
+    Directory destDir = Directory::open(destDirPath);
+    if (!destDir.isOpen() && errno == ENOENT && missing == MissingDirectory::Create) {
+        QDir().mkpath(QFile::decodeName(destDirPath));
+        destDir = Directory::open(destDirPath);
+    }
+    if (!destDir.isOpen())
+        return false;
+    return copy(AT_FDCWD, sourcePath, destDir.fd(), destPath.mid(slash + 1), report, stampFileTime,
+                flushPool);
+}
+
+FileCopier::Report FileCopier::reportTo(QObject *receiver, const char *member)
+{
+    if (!receiver || !member)
+        return {};
+    return [receiver, member](qint64 bytes) {
+        bool goOn = true;
+        QMetaObject::invokeMethod(receiver, member, Qt::AutoConnection, Q_RETURN_ARG(bool, goOn),
+                                  Q_ARG(qint64, bytes));
+        return goOn;
+    };
 }

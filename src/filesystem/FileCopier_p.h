@@ -8,28 +8,48 @@
 #ifndef TRELLIS_FILECOPIER_P_H
 #define TRELLIS_FILECOPIER_P_H
 
+#include "DataCopy_p.h"
+
 #include <QByteArray>
 
 class FlushPool;
 class QObject;
 
-// The single-file copy behind TFileSystemHelper::FileCopyWithProgress() and
-// the tree copy. Both files are named relative to a directory descriptor,
-// so a tree copy never finds a file again by its path; AT_FDCWD with a path
-// names a file as the caller does.
+// The single-file copy behind TFileSystemHelper::FileCopyWithProgress(), the
+// tree copy and the copy task. Both files are named relative to a directory
+// descriptor, so a tree copy never finds a file again by its path; AT_FDCWD
+// with a path names a file as the caller does.
 namespace FileCopier {
+
+// Called with the bytes copied since the last call; false stops the copy.
+using Report = DataCopy::Report;
 
 // Copies sourceName in sourceDir to destName in destDir, under
 // lowerCaseExtension(destName), by the rules TFileSystemHelper.h gives for
-// FileCopyWithProgress(). The copy is created new (O_EXCL, O_NOFOLLOW), so
-// nothing that appears at its name meanwhile is ever written through.
+// FileCopyWithProgress(), with report (when set) as the progress receiver.
+// The copy is created new (O_EXCL, O_NOFOLLOW), so nothing that appears at
+// its name meanwhile is ever written through.
 //
 // With a flush pool, the last flush is handed to the pool, after the copy
 // got its permissions and stamp, and the copy is durable only once the pool
 // has flushed it; without one it is durable when the call returns.
 bool copy(int sourceDir, const QByteArray &sourceName, int destDir, const QByteArray &destName,
-          QObject *receiver, const char *member, bool stampFileTime,
+          const Report &report, bool stampFileTime, FlushPool *flushPool = nullptr);
+
+enum class MissingDirectory { Fail, Create };
+
+// The same for two paths named as the caller names them; the destination's
+// directory is opened once, and the copy made relative to it. With
+// MissingDirectory::Create a directory that is not there is made first,
+// with its parents, as QDir::mkpath() makes it (its result unchecked: the
+// copy fails when there is still no directory).
+bool copy(const QByteArray &sourcePath, const QByteArray &destPath, const Report &report,
+          bool stampFileTime, MissingDirectory missing = MissingDirectory::Fail,
           FlushPool *flushPool = nullptr);
+
+// A report that calls the slot member of receiver by name, as
+// FileCopyWithProgress() does; empty when either is null.
+Report reportTo(QObject *receiver, const char *member);
 
 // name with a final '.' and three letters A to Z lower-cased: the rule of
 // TFileSystemHelper::FileCopyLowerCaseDestFilename(), on a name's bytes.

@@ -1,7 +1,6 @@
 #include "TFileSystemHelper.h"
 
 #include "Archive_p.h"
-#include "Directory_p.h"
 #include "FileCopier_p.h"
 #include "FilterDelete_p.h"
 #include "TreeCopy_p.h"
@@ -11,8 +10,6 @@
 #include <QFile>
 
 #include <algorithm>
-
-#include <fcntl.h>
 
 const QString &TFileSystemHelper::GetInvalidFileNameString()
 {
@@ -96,18 +93,8 @@ bool TFileSystemHelper::FileCopyWithProgress(const QString &srcFile, const QStri
                                              QObject *receiver, const char *member,
                                              bool stampFileTime)
 {
-    // The destination's directory is the caller's to name; the copy is
-    // made relative to it.
-    const QByteArray destPath = QFile::encodeName(destFile);
-    const int slash = destPath.lastIndexOf('/');
-    const QByteArray destDirPath = slash < 0 ? QByteArray(".")
-            : slash == 0                     ? QByteArray("/")
-                                             : destPath.left(slash);
-    const Directory destDir = Directory::open(destDirPath);
-    if (!destDir.isOpen())
-        return false;
-    return FileCopier::copy(AT_FDCWD, QFile::encodeName(srcFile), destDir.fd(),
-                            destPath.mid(slash + 1), receiver, member, stampFileTime);
+    return FileCopier::copy(QFile::encodeName(srcFile), QFile::encodeName(destFile),
+                            FileCopier::reportTo(receiver, member), stampFileTime);
 }
 
 bool TFileSystemHelper::FileCopy(const QString &srcFile, const QString &destFile,

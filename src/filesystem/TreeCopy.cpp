@@ -164,8 +164,8 @@ private:
             ok = false;
         } else if (frame.ok) {
             for (const QByteArray &file : frame.listing.files)
-                ok = FileCopier::copy(source->fd(), file, destination->fd(), file, nullptr, nullptr,
-                                      true, &m_flushPool)
+                ok = FileCopier::copy(source->fd(), file, destination->fd(), file, {}, true,
+                                      &m_flushPool)
                         && ok;
         }
         if (destination)
