@@ -33,7 +33,7 @@ QByteArray TFileHash::CalculateFileMD5(QString fileName)
         bool atEnd = false;
         qint64 count;
         while (!atEnd && (count = readChunk(file.get(), buffer.get(), HashReadSize, atEnd)) > 0)
-            hash.addData(buffer.get(), int(count));
+            hash.addData(QByteArray::fromRawData(buffer.get(), int(count)));
     }
     return hash.result();
 }
