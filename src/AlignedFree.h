@@ -4,6 +4,11 @@
 #include <Trellis/trellis_export.h>
 
 /*!
+    \file AlignedFree.h
+    The one free function of the library.
+*/
+
+/*!
     Releases \a block with the C library's free(). Null is accepted and does
     nothing. The library itself allocates nothing that must be released this
     way; the function is offered to applications that hand memory from

@@ -124,26 +124,24 @@ public:
         What a pass does with a work item whose destination exists. The
         numbers are part of the interface.
 
-        \value Ask           pause in state StateFileExists and wait for a
-                             continue slot. Kept after each item.
-        \value Overwrite     copy the item over the existing destination.
-                             Spent by the next processed item, conflicting or
-                             not: becomes Ask.
-        \value OverwriteAll  copy the item over the existing destination.
-                             Kept, also for later batches.
-        \value Skip          leave the item uncopied and count its entries as
-                             skipped. Spent like Overwrite: becomes Ask.
-        \value SkipAll       like Skip, and kept, also for later batches.
-
         Any other value never pauses and never skips: a conflicting item is
         copied over its destination as with OverwriteAll, and the value is
         kept.
     */
     enum EFileExistsAction : int {
+        //! Pause in state StateFileExists and wait for a continue slot. Kept
+        //! after each item.
         Ask = 0,
+        //! Copy the item over the existing destination. Spent by the next
+        //! processed item, conflicting or not: becomes Ask.
         Overwrite = 1,
+        //! Copy the item over the existing destination. Kept, also for later
+        //! batches.
         OverwriteAll = 2,
+        //! Leave the item uncopied and count its entries as skipped. Spent
+        //! like Overwrite: becomes Ask.
         Skip = 3,
+        //! Like Skip, and kept, also for later batches.
         SkipAll = 4
     };
     Q_ENUM(EFileExistsAction)
@@ -151,31 +149,26 @@ public:
     /*!
         The state codes, as carried by State(). Only the last three are ever
         reported.
-
-        \value StatePreparing   set by CopyFiles(): the next pass expands the
-                                new batch.
-        \value StateCopying     the pass may take the next work item; set by
-                                the pass after the expansion and by the
-                                continue slots.
-        \value StateFileExists  paused: the destination of the current work
-                                item exists and the action was Ask. Reported
-                                with that item; a continue slot retries it.
-        \value StateCopyFailed  paused: an entry failed to copy and work items
-                                remain. Reported with the next pending item;
-                                a continue slot goes on with it. The rest of
-                                the failed item is dropped.
-        \value StateFinished    nothing in progress: the batch is done, or was
-                                stopped, or there was nothing to do; also the
-                                state of a new task. Reported with an empty
-                                QFileInfo when no item remains, otherwise
-                                (after a stop) with the next pending item,
-                                and a continue slot resumes the batch.
     */
     enum ECopyState : int {
+        //! Set by CopyFiles(): the next pass expands the new batch.
         StatePreparing = 0,
+        //! The pass may take the next work item; set by the pass after the
+        //! expansion and by the continue slots.
         StateCopying = 1,
+        //! Paused: the destination of the current work item exists and the
+        //! action was Ask. Reported with that item; a continue slot retries
+        //! it.
         StateFileExists = 2,
+        //! Paused: an entry failed to copy and work items remain. Reported
+        //! with the next pending item; a continue slot goes on with it. The
+        //! rest of the failed item is dropped.
         StateCopyFailed = 3,
+        //! Nothing in progress: the batch is done, or was stopped, or there
+        //! was nothing to do; also the state of a new task. Reported with an
+        //! empty QFileInfo when no item remains, otherwise (after a stop)
+        //! with the next pending item, and a continue slot resumes the
+        //! batch.
         StateFinished = 4
     };
     Q_ENUM(ECopyState)

@@ -32,10 +32,10 @@ class TQueuePrivate;
     compared case-sensitively; the empty name is \c InvalidQueueName and is
     never registered.
 
-    Errors are \c{unsigned int} codes, returned or written through a nullable
+    Errors are `unsigned int` codes, returned or written through a nullable
     pointer with SetErrorCode(). They are the \c QueueErr constants below and
     are never combined. The codes and the two timeouts are \c constexpr
-    members of type \c{unsigned int}, the type that the calls take and
+    members of type `unsigned int`, the type that the calls take and
     return, so they compare with results without conversions.
 
     Locks: the registry has one non-recursive lock, each queue its own
