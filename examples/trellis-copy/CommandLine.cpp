@@ -34,7 +34,7 @@ Work items and conflicts:
   file it holds that exists at the destination. A directory item conflicts
   only when its destination directory exists.
 
-Answers to "destination exists" (a word or its first letter, then Enter):
+Answers where a destination exists (a word or its first letter, then Enter):
   o, overwrite        copy this item over its destination
   a, all              overwrite all: this and every later conflict, also in
                       later batches ("overwrite all" and "overwrite-all" too)

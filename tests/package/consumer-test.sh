@@ -5,7 +5,7 @@
 # find_package() and through pkg-config, runs it, and checks that it loads
 # that package's library and Qt and nothing of the other; so must the
 # installed trellis-copy program (trellis-copy6 for Qt 6) of a build that has
-# the examples.
+# the examples, whose manual page must be installed too.
 # A cross build gives its toolchain file as TRELLIS_TEST_TOOLCHAIN and its
 # emulator command as TRELLIS_TEST_EMULATOR (words separated by ';'): the
 # consumer is then built with the same toolchain and started through the
@@ -62,6 +62,12 @@ for pair in "$@"; do
         echo "== $(basename "$program")"
         "${emulator[@]}" "$program" --version
         test "$(loaded "$program")" = "$expected"
+        # Its manual page, made from its --help, typesets without a warning.
+        if [ -z "$toolchain" ]; then
+            page=$prefix/share/man/man1/$(basename "$program").1
+            echo "== $(basename "$page")"
+            test -z "$(groff -man -Tutf8 -rLL=80n -ww -z "$page" 2>&1)"
+        fi
     fi
 
     pc=${package,,}
