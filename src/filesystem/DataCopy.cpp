@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <utility>
 
 #include <fcntl.h>
@@ -29,10 +30,12 @@ bool kernelCannotCopy(int error)
 
 } // namespace
 
-DataCopy::DataCopy(int source, int destination, qint64 sourceSize, Report report, bool lastFlush)
+DataCopy::DataCopy(int source, const struct stat &status, int destination, Report report,
+                   bool lastFlush)
     : m_source(source), m_destination(destination), m_report(std::move(report)),
-      m_lastFlush(lastFlush), m_sourceSize(sourceSize), m_batch(destination, sourceSize),
-      m_backgroundSync(destination)
+      m_lastFlush(lastFlush), m_sourceSize(status.st_size),
+      m_sparse(S_ISREG(status.st_mode) && qint64(status.st_blocks) * 512 < status.st_size),
+      m_batch(destination, status.st_size), m_backgroundSync(destination)
 { }
 
 bool DataCopy::run()
@@ -116,8 +119,15 @@ qint64 DataCopy::copyInKernel(qint64 size, bool &atEnd)
 {
     qint64 done = 0;
     while (done < size) {
+        qint64 wanted = size - done;
+        if (m_sparse) {
+            done += skipHole(wanted);
+            if (done == size || m_copied + done >= m_sourceSize)
+                break;
+            wanted = std::min(size - done, dataBeforeHole());
+        }
         const ssize_t count = ::copy_file_range(m_source, nullptr, m_destination, nullptr,
-                                                std::size_t(size - done), 0);
+                                                std::size_t(wanted), 0);
         if (count > 0) {
             done += count;
             // Asking once more only to find the end costs a call a file.
@@ -136,6 +146,42 @@ qint64 DataCopy::copyInKernel(qint64 size, bool &atEnd)
         }
     }
     return done;
+}
+
+// Moves both files past the hole at the source's position, up to size
+// bytes of it, and gives the copy the length it reaches, so that the hole
+// is one in the copy too. The bytes passed; 0 where the source has data, or
+// where the file system cannot tell.
+qint64 DataCopy::skipHole(qint64 size)
+{
+    const off_t position = ::lseek(m_source, 0, SEEK_CUR);
+    if (position < 0)
+        return 0;
+    off_t data = ::lseek(m_source, position, SEEK_DATA);
+    if (data < 0 && errno == ENXIO)
+        data = std::max(off_t(m_sourceSize), position); // a hole up to the end
+    if (data <= position)
+        return 0;
+    const off_t end = position + std::min(qint64(data - position), size);
+    if (::lseek(m_source, end, SEEK_SET) != end || ::lseek(m_destination, end, SEEK_SET) != end
+        || ::ftruncate(m_destination, end) != 0) {
+        // Back where the copy was: it goes on as if there were no hole.
+        ::lseek(m_source, position, SEEK_SET);
+        ::lseek(m_destination, position, SEEK_SET);
+        return 0;
+    }
+    return end - position;
+}
+
+// The bytes from the source's position to its next hole (the end of the
+// file is one); any number when the file system cannot tell.
+qint64 DataCopy::dataBeforeHole()
+{
+    const off_t position = ::lseek(m_source, 0, SEEK_CUR);
+    const off_t hole = position < 0 ? -1 : ::lseek(m_source, position, SEEK_HOLE);
+    if (hole < 0 || ::lseek(m_source, position, SEEK_SET) != position)
+        return std::numeric_limits<qint64>::max();
+    return hole > position ? qint64(hole - position) : std::numeric_limits<qint64>::max();
 }
 
 // Writes what the batch holds and flushes: in the background, unless it is

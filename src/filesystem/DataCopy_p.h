@@ -15,6 +15,8 @@
 
 #include <functional>
 
+#include <sys/stat.h>
+
 // Moves the contents of one open file to the end of another, on the schedule
 // that TFileSystemHelper::FileCopyWithProgress() documents for chunks of
 // CopyChunkSize bytes: a flush to the disk after the chunk that crosses
@@ -25,7 +27,9 @@
 // The bytes are copied in the kernel (copy_file_range(), which also lets a
 // file system share blocks) in pieces that end where the schedule has
 // something to do; where the kernel refuses (across file systems on old
-// kernels, a block device), they are read and written in chunks.
+// kernels, a block device), they are read and written in chunks. The holes
+// of a sparse source are left holes in the copy, as long as the kernel
+// copies: a hole counts as copied when the copy passes it.
 class DataCopy
 {
 public:
@@ -33,9 +37,9 @@ public:
     // copy.
     using Report = std::function<bool(qint64 bytes)>;
 
-    // sourceSize: the source's size as last seen. Without lastFlush the last
+    // source: the source's status as last seen. Without lastFlush the last
     // flush is left to the caller.
-    DataCopy(int source, int destination, qint64 sourceSize, Report report, bool lastFlush);
+    DataCopy(int source, const struct stat &status, int destination, Report report, bool lastFlush);
 
     // Copies up to the source's end. False when reading or writing failed
     // or a report stopped the copy; what was read is written all the same.
@@ -44,6 +48,8 @@ public:
 private:
     qint64 copyPiece(qint64 size, bool &atEnd);
     qint64 copyInKernel(qint64 size, bool &atEnd);
+    qint64 skipHole(qint64 size);
+    qint64 dataBeforeHole();
     bool flush(bool last);
     bool report();
 
@@ -54,6 +60,8 @@ private:
     qint64 m_sourceSize;
     qint64 m_copied = 0;
     bool m_inKernel = true;
+    // Fewer blocks than bytes: the source may have holes worth looking for.
+    const bool m_sparse;
     ChunkBatch m_batch;
     BackgroundSync m_backgroundSync;
     qint64 m_unsynced = 0;

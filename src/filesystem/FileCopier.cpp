@@ -136,7 +136,7 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
     if (!destination.isOpen())
         return false;
 
-    if (!DataCopy(source.get(), destination.get(), sourceStatus.st_size, report, !flushPool).run())
+    if (!DataCopy(source.get(), sourceStatus, destination.get(), report, !flushPool).run())
         return false;
 
     // Permissions and stamp go to the file this call created, through its

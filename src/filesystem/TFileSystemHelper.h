@@ -118,7 +118,10 @@ public:
         blocks) in pieces that end where a flush is due; where it cannot
         (across some file systems, from a block device), they are read one
         by one and written in batches of up to 1 MiB, as a buffered QFile
-        would gather them. The copy is flushed to the disk with fsync() after
+        would gather them. The holes of a sparse source stay holes in the
+        copy, which then takes no more room than the source, wherever the
+        kernel copies; a hole counts as copied, for flushes and progress
+        calls, when the copy passes it. The copy is flushed to the disk with fsync() after
         the chunk that brings the bytes copied since the last flush to
         16,000,000 (decimal) or more, in the background while the copy goes
         on, and after its last chunk, when
