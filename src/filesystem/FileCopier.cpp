@@ -1,6 +1,5 @@
 #include "FileCopier_p.h"
 
-#include "Directory_p.h"
 #include "FileDescriptor_p.h"
 #include "FlushPool_p.h"
 #include "time/FileStamp_p.h"
@@ -157,14 +156,19 @@ bool FileCopier::copy(const QByteArray &sourcePath, const QByteArray &destPath,
     const QByteArray destDirPath = slash < 0 ? QByteArray(".")
             : slash == 0                     ? QByteArray("/")
                                              : destPath.left(slash);
-    Directory destDir = Directory::open(destDirPath);
+    // Only a way to the names in it, which needs no permission to read it
+    // and no look at its status.
+    const auto openDirectory = [&destDirPath] {
+        return ::open(destDirPath.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    };
+    FileDescriptor destDir(openDirectory());
     if (!destDir.isOpen() && errno == ENOENT && missing == MissingDirectory::Create) {
         QDir().mkpath(QFile::decodeName(destDirPath));
-        destDir = Directory::open(destDirPath);
+        destDir.reset(openDirectory());
     }
     if (!destDir.isOpen())
         return false;
-    return copy(AT_FDCWD, sourcePath, destDir.fd(), destPath.mid(slash + 1), report, stampFileTime,
+    return copy(AT_FDCWD, sourcePath, destDir.get(), destPath.mid(slash + 1), report, stampFileTime,
                 flushPool);
 }
 

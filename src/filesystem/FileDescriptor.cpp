@@ -13,7 +13,7 @@ int openReadableFile(int dir, const char *name, struct stat &status)
     if (fd < 0)
         return -1;
     if (::fstat(fd, &status) != 0 || !(S_ISREG(status.st_mode) || S_ISBLK(status.st_mode))
-        || ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
+        || ::fcntl(fd, F_SETFL, 0) != 0) { // O_NONBLOCK was the only flag it can set
         ::close(fd);
         return -1;
     }

@@ -33,6 +33,12 @@ public:
     bool isOpen() const { return m_fd >= 0; }
     // Gives the descriptor up, to be closed by whoever takes it.
     int release() { return std::exchange(m_fd, -1); }
+    // Closes the descriptor held, and holds fd instead.
+    void reset(int fd)
+    {
+        close();
+        m_fd = fd;
+    }
     void close()
     {
         if (m_fd >= 0)
