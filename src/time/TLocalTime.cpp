@@ -1,7 +1,9 @@
 #include "TLocalTime.h"
 #include "FileStamp_p.h"
 
+#include <array>
 #include <atomic>
+#include <cstdlib>
 #include <ctime>
 #include <limits>
 
@@ -81,10 +83,24 @@ std::optional<struct timespec> offsetClockFileTime()
     fields.tm_sec = 0;
     fields.tm_isdst = -1; // let the C library decide whether daylight saving applies
 
-    const std::time_t stamp = std::mktime(&fields);
-    if (stamp == std::time_t(-1))
+    // mktime() looks at the time zone file again on every call, while the
+    // stamp of a minute is the same for every file copied in it; a new value
+    // of TZ is a new time zone, though, and is asked about at once.
+    using Minute = std::array<int, 5>;
+    thread_local std::optional<Minute> lastMinute;
+    thread_local QByteArray lastZone;
+    thread_local std::time_t lastStamp = 0;
+    const Minute minute { fields.tm_year, fields.tm_mon, fields.tm_mday, fields.tm_hour,
+                          fields.tm_min };
+    const char *zone = std::getenv("TZ");
+    if (lastMinute != minute || lastZone != (zone ? zone : "")) {
+        lastStamp = std::mktime(&fields);
+        lastMinute = minute;
+        lastZone = zone;
+    }
+    if (lastStamp == std::time_t(-1))
         return std::nullopt; // a time the C library cannot represent
-    return timespec { stamp, 0 };
+    return timespec { lastStamp, 0 };
 }
 
 void stampWithOffsetClock(int fd)

@@ -211,6 +211,30 @@ private slots:
         TLocalTime::setFileTime(dir.filePath(QStringLiteral("missing/file")));
         QVERIFY(!QFileInfo::exists(dir.filePath(QStringLiteral("missing"))));
     }
+
+    // The same wall-clock minute is another instant in another time zone,
+    // also when the zone changes within the minute.
+    void stampFollowsTheTimeZone()
+    {
+        TLocalTime::SetOffset(0);
+        QTemporaryDir dir;
+        QList<qint64> stamps;
+        for (const char *zone : { "UTC0", "JST-9", "UTC0" }) {
+            setTimeZone(zone);
+            const QString path
+                    = dir.filePath(QString::fromLatin1(zone) + QString::number(stamps.size()));
+            QVERIFY(QFile(path).open(QIODevice::WriteOnly));
+            TLocalTime::setFileTime(path);
+            struct stat status;
+            QCOMPARE(::stat(QFile::encodeName(path).constData(), &status), 0);
+            stamps << qint64(status.st_mtime);
+        }
+        // Nine hours apart, give or take a minute that ended in between.
+        QVERIFY2(qAbs(stamps[0] - stamps[1] - 9 * 3600) <= 60,
+                 qPrintable(QString::number(stamps[0] - stamps[1])));
+        QVERIFY2(qAbs(stamps[2] - stamps[1] - 9 * 3600) <= 60,
+                 qPrintable(QString::number(stamps[2] - stamps[1])));
+    }
 };
 
 QTEST_GUILESS_MAIN(tst_TLocalTime)
