@@ -8,6 +8,6 @@ qt5build=$work-qt5-build
 
 cmake -S "$sources" -B "$qt5build" -DTRELLIS_QT_MAJOR_VERSION=5 -DCMAKE_BUILD_TYPE=Debug \
     -DTRELLIS_BUILD_TESTS=OFF -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
-cmake --build "$qt5build" --parallel 2 --target Trellis trellis-copy >/dev/null
+cmake --build "$qt5build" --parallel 2 --target Trellis trellis-copy trellis-copy-man >/dev/null
 exec "$(dirname "$0")/consumer-test.sh" "$consumer" "$work" "$cxx" "$flags" \
     Trellis="$qt5build" Trellis6="$qt6build"
