@@ -121,10 +121,12 @@ qint64 DataCopy::copyInKernel(qint64 size, bool &atEnd)
     while (done < size) {
         qint64 wanted = size - done;
         if (m_sparse) {
-            done += skipHole(wanted);
+            // The source was opened at its start: its position is what
+            // the copy has passed.
+            done += skipHole(m_copied + done, wanted);
             if (done == size || m_copied + done >= m_sourceSize)
                 break;
-            wanted = std::min(size - done, dataBeforeHole());
+            wanted = std::min(size - done, dataBeforeHole(m_copied + done));
         }
         const ssize_t count = ::copy_file_range(m_source, nullptr, m_destination, nullptr,
                                                 std::size_t(wanted), 0);
@@ -148,15 +150,11 @@ qint64 DataCopy::copyInKernel(qint64 size, bool &atEnd)
     return done;
 }
 
-// Moves both files past the hole at the source's position, up to size
-// bytes of it, and gives the copy the length it reaches, so that the hole
-// is one in the copy too. The bytes passed; 0 where the source has data, or
-// where the file system cannot tell.
-qint64 DataCopy::skipHole(qint64 size)
+// Moves both files past the hole at position, up to size bytes of it, and gives the copy the length
+// it reaches, so that the hole is one in the copy too. The bytes passed; 0 where the source has
+// data, or where the file system cannot tell.
+qint64 DataCopy::skipHole(off_t position, qint64 size)
 {
-    const off_t position = ::lseek(m_source, 0, SEEK_CUR);
-    if (position < 0)
-        return 0;
     off_t data = ::lseek(m_source, position, SEEK_DATA);
     if (data < 0 && errno == ENXIO)
         data = std::max(off_t(m_sourceSize), position); // a hole up to the end
@@ -173,12 +171,11 @@ qint64 DataCopy::skipHole(qint64 size)
     return end - position;
 }
 
-// The bytes from the source's position to its next hole (the end of the
-// file is one); any number when the file system cannot tell.
-qint64 DataCopy::dataBeforeHole()
+// The bytes from position to the source's next hole (the end of the file
+// is one); any number when the file system cannot tell.
+qint64 DataCopy::dataBeforeHole(off_t position)
 {
-    const off_t position = ::lseek(m_source, 0, SEEK_CUR);
-    const off_t hole = position < 0 ? -1 : ::lseek(m_source, position, SEEK_HOLE);
+    const off_t hole = ::lseek(m_source, position, SEEK_HOLE);
     if (hole < 0 || ::lseek(m_source, position, SEEK_SET) != position)
         return std::numeric_limits<qint64>::max();
     return hole > position ? qint64(hole - position) : std::numeric_limits<qint64>::max();

@@ -48,8 +48,8 @@ public:
 private:
     qint64 copyPiece(qint64 size, bool &atEnd);
     qint64 copyInKernel(qint64 size, bool &atEnd);
-    qint64 skipHole(qint64 size);
-    qint64 dataBeforeHole();
+    qint64 skipHole(off_t position, qint64 size);
+    qint64 dataBeforeHole(off_t position);
     bool flush(bool last);
     bool report();
 
