@@ -18,10 +18,10 @@ FlushPool::~FlushPool()
 {
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_waiting.empty(); });
+        m_idle.wait(lock, [this] { return m_waiting.empty(); });
         m_ending = true;
     }
-    m_changed.notify_all();
+    m_work.notify_all();
     for (std::thread &thread : m_threads)
         thread.join();
 }
@@ -36,16 +36,16 @@ void FlushPool::flushAndClose(int fd)
         flushAndCloseHere(fd);
         return;
     }
-    m_changed.wait(lock, [this] { return m_waiting.size() < MaxWaiting; });
+    m_idle.wait(lock, [this] { return m_waiting.size() < MaxWaiting; });
     m_waiting.push_back(fd);
     lock.unlock();
-    m_changed.notify_all();
+    m_work.notify_one();
 }
 
 void FlushPool::waitForAll()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [this] { return m_waiting.empty() && m_flushing == 0; });
+    m_idle.wait(lock, [this] { return m_waiting.empty() && m_flushing == 0; });
 }
 
 bool FlushPool::startThread()
@@ -62,17 +62,18 @@ void FlushPool::work()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
-        m_changed.wait(lock, [this] { return !m_waiting.empty() || m_ending; });
+        m_work.wait(lock, [this] { return !m_waiting.empty() || m_ending; });
         if (m_waiting.empty())
             return; // ending
         const int fd = m_waiting.front();
         m_waiting.pop_front();
         ++m_flushing;
         lock.unlock();
-        m_changed.notify_all(); // room for one more
+        m_idle.notify_all(); // room for one more
         flushAndCloseHere(fd);
         lock.lock();
         --m_flushing;
-        m_changed.notify_all();
+        if (m_waiting.empty() && m_flushing == 0)
+            m_idle.notify_all();
     }
 }

@@ -45,7 +45,10 @@ private:
     bool startThread();
 
     std::mutex m_mutex;
-    std::condition_variable m_changed; // any field below changed
+    // Two conditions, so that a change that only the owner waits for does
+    // not wake every idle thread, nor new work the owner.
+    std::condition_variable m_work; // a file waits, or the pool ends
+    std::condition_variable m_idle; // room in the queue, or nothing left to do
     std::deque<int> m_waiting;
     std::size_t m_flushing = 0;
     bool m_ending = false;
