@@ -206,5 +206,7 @@ bool DataCopy::report()
     const bool goOn = m_report(m_unreported);
     m_unreported = 0;
     m_lastReport = TLocalTime::getCurrentTime();
+    if (!goOn)
+        errno = ECANCELED;
     return goOn;
 }

@@ -118,18 +118,25 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
     struct stat sourceStatus;
     FileDescriptor source(openReadableFile(sourceDir, sourceName.constData(), sourceStatus));
     const bool sourceOpen = source.isOpen();
+    const int sourceError = errno; // the removals that come first must not hide it
     const struct stat *sourceFile = sourceOpen ? &sourceStatus : nullptr;
     const Occupant atDest = occupant(destDir, destName, sourceFile);
     const Occupant atActualDest = renamed ? occupant(destDir, actualDestName, sourceFile) : atDest;
-    if (atDest == Occupant::Source || atActualDest == Occupant::Source)
+    if (atDest == Occupant::Source || atActualDest == Occupant::Source) {
+        errno = EINVAL;
         return false;
+    }
 
     const bool destFileRemoved = atDest == Occupant::Nothing || removeName(destDir, destName);
     const bool actualDestRemoved = renamed
             ? atActualDest == Occupant::Nothing || removeName(destDir, actualDestName)
             : destFileRemoved;
-    if (!actualDestRemoved || !sourceOpen)
+    if (!actualDestRemoved)
         return false;
+    if (!sourceOpen) {
+        errno = sourceError;
+        return false;
+    }
 
     FileDescriptor destination(createDestination(destDir, actualDestName));
     if (!destination.isOpen())

@@ -17,7 +17,8 @@
 // without blocking, so that a FIFO cannot hold the call, and keeps it only
 // when it has an end: a regular file or a block device, whose status is put
 // in status. -1 for anything else (a directory, a FIFO, a socket, a
-// character device such as /dev/zero) and on failure.
+// character device such as /dev/zero: errno ENOTSUP, EISDIR for a
+// directory) and on failure.
 int openReadableFile(int dir, const char *name, struct stat &status);
 
 // A file descriptor that is closed when it goes out of scope.

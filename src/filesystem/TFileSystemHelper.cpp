@@ -10,6 +10,7 @@
 #include <QFile>
 
 #include <algorithm>
+#include <cerrno>
 
 const QString &TFileSystemHelper::GetInvalidFileNameString()
 {
@@ -93,14 +94,30 @@ bool TFileSystemHelper::FileCopyWithProgress(const QString &srcFile, const QStri
                                              QObject *receiver, const char *member,
                                              bool stampFileTime)
 {
-    return FileCopier::copy(QFile::encodeName(srcFile), QFile::encodeName(destFile),
-                            FileCopier::reportTo(receiver, member), stampFileTime);
+    return FileCopyWithProgress(srcFile, destFile, receiver, member, stampFileTime, nullptr);
+}
+
+bool TFileSystemHelper::FileCopyWithProgress(const QString &srcFile, const QString &destFile,
+                                             QObject *receiver, const char *member,
+                                             bool stampFileTime, int *error)
+{
+    const bool copied = FileCopier::copy(QFile::encodeName(srcFile), QFile::encodeName(destFile),
+                                         FileCopier::reportTo(receiver, member), stampFileTime);
+    if (error)
+        *error = copied ? 0 : errno;
+    return copied;
 }
 
 bool TFileSystemHelper::FileCopy(const QString &srcFile, const QString &destFile,
                                  bool stampFileTime)
 {
-    return FileCopyWithProgress(srcFile, destFile, nullptr, nullptr, stampFileTime);
+    return FileCopyWithProgress(srcFile, destFile, nullptr, nullptr, stampFileTime, nullptr);
+}
+
+bool TFileSystemHelper::FileCopy(const QString &srcFile, const QString &destFile,
+                                 bool stampFileTime, int *error)
+{
+    return FileCopyWithProgress(srcFile, destFile, nullptr, nullptr, stampFileTime, error);
 }
 
 int TFileSystemHelper::DeleteFiles(const QString &nameFilter, const QString &dirPath,

@@ -175,11 +175,30 @@ public:
                                      QObject *receiver, const char *member, bool stampFileTime);
 
     /*!
+        Copies as the overload above does and, when \a error is not null,
+        tells why a copy failed: \c *error becomes the \c errno value of the
+        step that failed (for instance EACCES, ENOSPC or EIO), ECANCELED when
+        the progress method returned false, EINVAL when source and
+        destination are one file, ENOTSUP for a source that is neither a
+        regular file nor a block device; 0 when the copy succeeded.
+    */
+    static bool FileCopyWithProgress(const QString &srcFile, const QString &destFile,
+                                     QObject *receiver, const char *member, bool stampFileTime,
+                                     int *error);
+
+    /*!
         Copies \a srcFile to \a destFile exactly as FileCopyWithProgress()
         does, stamping the copy when \a stampFileTime is true, without
         progress calls.
     */
     static bool FileCopy(const QString &srcFile, const QString &destFile, bool stampFileTime);
+
+    /*!
+        The same, telling why a copy failed through \a error as
+        FileCopyWithProgress() does.
+    */
+    static bool FileCopy(const QString &srcFile, const QString &destFile, bool stampFileTime,
+                         int *error);
 
     // Deleting files by name filter.
 
