@@ -5,6 +5,7 @@
 
 #include <Trellis/AlignedFree.h>
 #include <Trellis/TCommBuffer.h>
+#include <Trellis/TFileCopyNotifier.h>
 #include <Trellis/TFileCopyTask.h>
 #include <Trellis/TFileHash.h>
 #include <Trellis/TFileSystemHelper.h>

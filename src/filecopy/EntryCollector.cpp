@@ -35,33 +35,70 @@ bool Contains(const std::vector<FileId> &ids, const FileId &id)
     return std::find(ids.cbegin(), ids.cend(), id) != ids.cend();
 }
 
-// The names in directory that a listing admits, in name order ignoring case.
-std::vector<QByteArray> AdmittedNames(const std::vector<DirectoryEntry> &entries,
-                                      const Directory &directory)
+using LeftOutReason = TFileCopyNotifier::LeftOutReason;
+
+// Why a name that is neither a directory nor a file, through links, is left
+// out: what it leads to, or that it leads nowhere.
+LeftOutReason ReasonFor(const Directory &directory, const QByteArray &name)
 {
-    std::vector<QByteArray> names;
-    for (const DirectoryEntry &entry : entries) {
-        if (isHiddenName(entry.name))
-            continue;
-        const EntryType type
-                = entry.type == EntryType::Link ? directory.targetTypeOf(entry.name) : entry.type;
-        if (type == EntryType::Directory || type == EntryType::File)
-            names.push_back(entry.name);
-    }
-    sortIgnoringCase(names);
-    return names;
+    struct stat status;
+    if (::fstatat(directory.fd(), name.constData(), &status, 0) != 0)
+        return TFileCopyNotifier::DanglingLink;
+    if (S_ISFIFO(status.st_mode))
+        return TFileCopyNotifier::Fifo;
+    if (S_ISSOCK(status.st_mode))
+        return TFileCopyNotifier::Socket;
+    return TFileCopyNotifier::Device;
 }
 
 } // namespace
 
-// The directories that a collection must not enter: those on its way down
-// from its root, and those above the root. Each of them contains the
-// directory being listed, so entering one again through a link would repeat
-// the descent without end.
+// One collection's walk: what it admits, where what it leaves out goes, and
+// the directories it must not enter: those on its way down from its root,
+// and those above the root. Each of them contains the directory being
+// listed, so entering one again through a link would repeat the descent
+// without end.
 class EntryCollector::Descent
 {
 public:
-    explicit Descent(const QFileInfo &root) : root(root) { }
+    Descent(const QFileInfo &root, const TFileCopyTask::LeftOutReceiver &leftOut)
+        : root(root), leftOut(leftOut)
+    { }
+
+    void LeaveOut(const QFileInfo &entry, LeftOutReason reason) const
+    {
+        if (leftOut)
+            leftOut(entry, reason);
+    }
+
+    // The names in directory that a listing admits, in name order ignoring
+    // case; the others are left out, and told in that order too.
+    std::vector<QByteArray> AdmittedNames(const std::vector<DirectoryEntry> &entries,
+                                          const Directory &directory, const QDir &parent) const
+    {
+        std::vector<QByteArray> names;
+        std::vector<std::pair<QString, LeftOutReason>> leftOutNames;
+        for (const DirectoryEntry &entry : entries) {
+            const bool hidden = isHiddenName(entry.name);
+            const EntryType type = hidden || entry.type != EntryType::Link
+                    ? entry.type
+                    : directory.targetTypeOf(entry.name);
+            if (!hidden && (type == EntryType::Directory || type == EntryType::File))
+                names.push_back(entry.name);
+            else if (leftOut
+                     && (hidden || type != EntryType::Gone || entry.type == EntryType::Link))
+                leftOutNames.emplace_back(QFile::decodeName(entry.name),
+                                          hidden ? TFileCopyNotifier::HiddenName
+                                                 : ReasonFor(directory, entry.name));
+        }
+        sortIgnoringCase(names);
+        std::sort(leftOutNames.begin(), leftOutNames.end(), [](const auto &a, const auto &b) {
+            return a.first.compare(b.first, Qt::CaseInsensitive) < 0;
+        });
+        for (const auto &[name, reason] : leftOutNames)
+            leftOut(QFileInfo(parent, name), reason);
+        return names;
+    }
 
     bool AtRoot() const { return path.empty(); }
     void Enter(const FileId &id) { path.push_back(id); }
@@ -86,14 +123,16 @@ public:
 
 private:
     const QFileInfo root;
+    const TFileCopyTask::LeftOutReceiver &leftOut;
     bool aboveKnown = false;
     std::vector<FileId> above;
     std::vector<FileId> path;
 };
 
-void EntryCollector::collect(const QFileInfo &info, QList<QFileInfo> &out, int depth)
+void EntryCollector::collect(const QFileInfo &info, QList<QFileInfo> &out, int depth,
+                             const TFileCopyTask::LeftOutReceiver &leftOut)
 {
-    Descent descent(info);
+    Descent descent(info, leftOut);
     collectInto(info, out, depth, descent);
 }
 
@@ -102,7 +141,7 @@ void EntryCollector::collectInto(const QFileInfo &info, QList<QFileInfo> &out, i
 {
     // Checked first: the path of a name that could not be represented may
     // well name another file.
-    if (isUnreadable(info)) {
+    if (readError(info) != 0) {
         out.append(info);
         return;
     }
@@ -118,15 +157,17 @@ void EntryCollector::collectInto(const QFileInfo &info, QList<QFileInfo> &out, i
     const Directory directory = Directory::open(QFile::encodeName(info.absoluteFilePath()));
     if (!directory.isOpen()) {
         if (errno != ENOENT && errno != ENOTDIR) // not gone meanwhile
-            markUnreadable(info, out);
+            markUnreadable(info, errno, out);
         return;
     }
     const FileId id = IdOf(directory.status());
-    if (!descent.AtRoot() && descent.Encloses(id))
+    if (!descent.AtRoot() && descent.Encloses(id)) {
+        descent.LeaveOut(info, TFileCopyNotifier::LinkIntoTree);
         return;
+    }
     std::vector<DirectoryEntry> entries;
     if (!directory.list(entries)) {
-        markUnreadable(info, out);
+        markUnreadable(info, errno, out);
         return;
     }
 
@@ -136,11 +177,11 @@ void EntryCollector::collectInto(const QFileInfo &info, QList<QFileInfo> &out, i
     const QDir parent(info.absoluteFilePath());
     const int collectedBefore = out.size();
     descent.Enter(id);
-    for (const QByteArray &name : AdmittedNames(entries, directory)) {
+    for (const QByteArray &name : descent.AdmittedNames(entries, directory, parent)) {
         const QString decoded = QFile::decodeName(name);
         const QFileInfo child(parent, decoded);
         if (QFile::encodeName(decoded) != name)
-            markUnreadable(child, out);
+            markUnreadable(child, EILSEQ, out);
         else
             collectInto(child, out, childDepth, descent);
     }
@@ -151,8 +192,8 @@ void EntryCollector::collectInto(const QFileInfo &info, QList<QFileInfo> &out, i
         out.append(info);
 }
 
-void EntryCollector::markUnreadable(const QFileInfo &entry, QList<QFileInfo> &out)
+void EntryCollector::markUnreadable(const QFileInfo &entry, int error, QList<QFileInfo> &out)
 {
-    m_unreadable.insert(entry.absoluteFilePath());
+    m_unreadable.insert(entry.absoluteFilePath(), error != 0 ? error : EIO);
     out.append(entry);
 }

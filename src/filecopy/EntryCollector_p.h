@@ -8,15 +8,18 @@
 #ifndef TRELLIS_ENTRYCOLLECTOR_P_H
 #define TRELLIS_ENTRYCOLLECTOR_P_H
 
+#include "TFileCopyTask.h"
+
 #include <QFileInfo>
+#include <QHash>
 #include <QList>
-#include <QSet>
 #include <QString>
 
 // Collects the entries a copy task copies: files, and directories that hold
 // nothing to copy, depth first in name order ignoring case. A listing admits
 // what QDir::Dirs | QDir::Files would: no hidden entries, no special files,
-// no links to nothing.
+// no links to nothing; what it leaves out goes to a receiver, when one is
+// given.
 //
 // An entry the collector could not read completely is collected all the
 // same, in its place, and is known as unreadable from then on: a directory
@@ -31,11 +34,13 @@ public:
     // info that names nothing, unless it was collected as unreadable. What
     // info has cached about its file is taken as it stands: hand over an
     // object that has not looked at it yet, or has just done so.
-    void collect(const QFileInfo &info, QList<QFileInfo> &out, int depth);
+    void collect(const QFileInfo &info, QList<QFileInfo> &out, int depth,
+                 const TFileCopyTask::LeftOutReceiver &leftOut = {});
 
-    bool isUnreadable(const QFileInfo &entry) const
+    // Why entry could not be read completely (an errno value), or 0.
+    int readError(const QFileInfo &entry) const
     {
-        return m_unreadable.contains(entry.absoluteFilePath());
+        return m_unreadable.value(entry.absoluteFilePath());
     }
 
     // Forgets the unreadable entries: a new batch looks at everything anew.
@@ -44,9 +49,9 @@ public:
 private:
     class Descent;
     void collectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth, Descent &descent);
-    void markUnreadable(const QFileInfo &entry, QList<QFileInfo> &out);
+    void markUnreadable(const QFileInfo &entry, int error, QList<QFileInfo> &out);
 
-    QSet<QString> m_unreadable; // absolute paths
+    QHash<QString, int> m_unreadable; // absolute paths, and why
 };
 
 #endif // TRELLIS_ENTRYCOLLECTOR_P_H

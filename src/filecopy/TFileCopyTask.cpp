@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <mutex>
 #include <utility>
 
@@ -50,7 +51,7 @@ private:
 
 // sourcePath with the match of pattern replaced by prefix, taken literally; a
 // null string when the pattern does not match.
-QString DestinationPath(const QString &sourcePath, const QRegExp &pattern, const QString &prefix)
+QString DestinationOf(const QString &sourcePath, const QRegExp &pattern, const QString &prefix)
 {
     const int at = pattern.indexIn(sourcePath);
     if (at < 0)
@@ -70,8 +71,12 @@ QFileInfo Detached(const QFileInfo &info)
 class TFileCopyTaskPrivate
 {
 public:
-    explicit TFileCopyTaskPrivate(TFileCopyTask::EFileExistsAction action)
-        : fileExistsAction(action)
+    TFileCopyTaskPrivate(TFileCopyTask::EFileExistsAction action, TFileCopyNotifier *notifier)
+        : notifier(notifier), reportLeftOut([notifier](const QFileInfo &entry,
+                                                       TFileCopyNotifier::LeftOutReason reason) {
+              emit notifier->EntryLeftOut(Detached(entry), reason);
+          }),
+          fileExistsAction(action)
     { }
 
     QString EffectivePrefix() const { return altDestPrefix.isEmpty() ? destPrefix : altDestPrefix; }
@@ -83,7 +88,7 @@ public:
         collector.clear();
         for (const QFileInfo &source : std::as_const(sources)) {
             QList<QFileInfo> items;
-            collector.collect(source, items, depth);
+            collector.collect(source, items, depth, reportLeftOut);
             for (const QFileInfo &item : std::as_const(items)) {
                 if (srcPattern.indexIn(item.absoluteFilePath()) < 0)
                     continue;
@@ -113,7 +118,7 @@ public:
         if (!isFile && !item.exists())
             return false;
         const QString destination
-                = DestinationPath(item.absoluteFilePath(), srcPattern, prefix.For(item));
+                = DestinationOf(item.absoluteFilePath(), srcPattern, prefix.For(item));
         if (destination.isNull())
             return false;
         if (QFileInfo::exists(destination))
@@ -132,6 +137,9 @@ public:
             return 99;
         return std::min(99, qRound(double(bytesDone) / double(bytesTotal) * 100.0));
     }
+
+    TFileCopyNotifier *const notifier; // a child of the task
+    const TFileCopyTask::LeftOutReceiver reportLeftOut;
 
     // A std::mutex rather than a QMutex: the same lock, but one whose
     // hand-overs ThreadSanitizer sees, also when it is contended.
@@ -153,7 +161,8 @@ public:
 };
 
 TFileCopyTask::TFileCopyTask(EFileExistsAction action)
-    : QObject(nullptr), d(std::make_unique<TFileCopyTaskPrivate>(action))
+    : QObject(nullptr),
+      d(std::make_unique<TFileCopyTaskPrivate>(action, new TFileCopyNotifier(this)))
 {
     qRegisterMetaType<QFileInfo>("QFileInfo");
 }
@@ -182,6 +191,32 @@ void TFileCopyTask::CopyFiles(const QList<QFileInfo> &sources, const QString &sr
     // batch is complete.
     QMetaObject::invokeMethod(this, &TFileCopyTask::Run, Qt::QueuedConnection);
     emit Progress(0, 0, 0);
+}
+
+TFileCopyNotifier *TFileCopyTask::Notifier() const
+{
+    return d->notifier;
+}
+
+QList<QFileInfo> TFileCopyTask::WorkItems(const QFileInfo &source, int depth,
+                                          const LeftOutReceiver &leftOut)
+{
+    QList<QFileInfo> items;
+    EntryCollector().collect(Detached(source), items, depth, leftOut);
+    return items;
+}
+
+QList<QFileInfo> TFileCopyTask::Entries(const QFileInfo &workItem, const LeftOutReceiver &leftOut)
+{
+    return WorkItems(workItem, WorkItemDepth, leftOut);
+}
+
+QString TFileCopyTask::DestinationPath(const QFileInfo &entry, const QString &srcPrefix,
+                                       const QString &destPrefix)
+{
+    const QRegExp pattern(QLatin1Char('^') + srcPrefix, Qt::CaseSensitive, QRegExp::RegExp);
+    return DestinationOf(entry.absoluteFilePath(), pattern,
+                         DestinationPrefix(destPrefix).For(entry));
 }
 
 void TFileCopyTask::Stop()
@@ -270,7 +305,8 @@ void TFileCopyTask::Run()
 
         if (d->state == StateCopying) {
             QList<QFileInfo> entries;
-            d->collector.collect(item, entries, WorkItemDepth);
+            d->collector.collect(item, entries, WorkItemDepth,
+                                 skip ? LeftOutReceiver() : d->reportLeftOut);
             for (const QFileInfo &entry : std::as_const(entries)) {
                 if (skip) {
                     ++d->filesSkipped;
@@ -279,7 +315,9 @@ void TFileCopyTask::Run()
                     ++d->filesCopied;
                     emit FileCopied(Detached(entry));
                 } else {
+                    const int error = errno;
                     d->state = StateCopyFailed;
+                    emit d->notifier->EntryFailed(Detached(entry), error);
                     break;
                 }
                 if (d->stopRequested)
@@ -316,14 +354,19 @@ bool TFileCopyTask::OnBytesWritten(qint64 bytes)
 
 bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const QString &destPrefix)
 {
-    if (d->collector.isUnreadable(fileInfo))
+    // A failure leaves its cause in errno.
+    if (const int readError = d->collector.readError(fileInfo)) {
+        errno = readError;
         return false;
+    }
     const QString source = fileInfo.absoluteFilePath();
-    const QString destination = DestinationPath(source, pattern, destPrefix);
+    const QString destination = DestinationOf(source, pattern, destPrefix);
     // Left unchanged, the path of an entry that the prefix does not match
     // would name the source itself.
-    if (destination.isNull())
+    if (destination.isNull()) {
+        errno = EINVAL;
         return false;
+    }
     if (fileInfo.isDir()) {
         // A directory is an entry when its listing gave nothing to copy. The
         // result of mkpath() is not looked at, by the task's rules.

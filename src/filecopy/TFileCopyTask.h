@@ -1,6 +1,7 @@
 #ifndef TRELLIS_TFILECOPYTASK_H
 #define TRELLIS_TFILECOPYTASK_H
 
+#include <Trellis/TFileCopyNotifier.h>
 #include <Trellis/trellis_export.h>
 
 #include <QFileInfo>
@@ -9,6 +10,7 @@
 #include <QRegExp>
 #include <QString>
 
+#include <functional>
 #include <memory>
 
 class TFileCopyTaskPrivate;
@@ -77,6 +79,11 @@ class TFileCopyTaskPrivate;
     locale's encoding cannot represent cannot be copied: it fails to copy
     where it is met, as does a directory that cannot be listed, rather than
     being left out unseen.
+
+    What the task leaves out, and every entry that fails, is told entry by
+    entry through the signals of its Notifier(). WorkItems(), Entries() and
+    DestinationPath() show the plan of a batch without copying anything, by
+    the same rules.
 
     \section1 Threads and locks
 
@@ -225,6 +232,55 @@ public:
     void CopyFiles(const QList<QFileInfo> &sources, const QString &srcPrefix,
                    const QString &destPrefix, int depth);
 
+    /*!
+        The notifier that tells of the entries this task leaves out and of
+        those that fail, with the cause. It is a child of the task and lives
+        in the task's thread.
+    */
+    TFileCopyNotifier *Notifier() const;
+
+    //! Receives an entry that the rules leave out, with the reason.
+    using LeftOutReceiver
+            = std::function<void(const QFileInfo &entry, TFileCopyNotifier::LeftOutReason reason)>;
+
+    /*!
+        The work items that a pass splits \a source into at \a depth, as
+        CopyFiles() documents the depth, in the order of the split: a pass
+        works its list from the end. Before the source prefix is applied; an
+        empty list for a source that does not exist. \a leftOut, when set,
+        receives what the split leaves out above the items.
+
+        Looks at the file system as a pass would, in the calling thread, and
+        may be called from any thread.
+    */
+    static QList<QFileInfo> WorkItems(const QFileInfo &source, int depth,
+                                      const LeftOutReceiver &leftOut = {});
+
+    /*!
+        The entries of the work item \a workItem, in the order a pass copies
+        or skips them: its files, and its directories that hold nothing to
+        copy. A directory that cannot be listed, and an entry whose name the
+        locale's encoding cannot represent, are entries too: they fail to
+        copy. \a leftOut, when set, receives what the rules leave out inside
+        the item.
+
+        Looks at the file system as a pass would, in the calling thread, and
+        may be called from any thread.
+    */
+    static QList<QFileInfo> Entries(const QFileInfo &workItem, const LeftOutReceiver &leftOut = {});
+
+    /*!
+        Where a pass copies \a entry for the source prefix \a srcPrefix and
+        the destination prefix \a destPrefix, both as CopyFiles() takes
+        them: the absolute path with the match of the source prefix replaced
+        by the destination prefix, whose \c %1 stands for the entry's
+        complete base name. A null string when the source prefix does not
+        match. A file is written under
+        TFileSystemHelper::FileCopyLowerCaseDestFilename() of this path.
+    */
+    static QString DestinationPath(const QFileInfo &entry, const QString &srcPrefix,
+                                   const QString &destPrefix);
+
 signals:
     /*!
         Emitted once at the end of every pass, without the mutex held, with
@@ -257,8 +313,9 @@ signals:
 public slots:
     /*!
         Requests a stop of the pass in progress; takes no lock and returns at
-        once. The copier stops at its next report (the entry fails and is
-        not counted, and its destination keeps the bytes written so far), or
+        once. The copier stops at its next report (the entry fails with
+        ECANCELED, told by the notifier's EntryFailed(), and is not counted,
+        and its destination keeps the bytes written so far), or
         the pass stops after the current entry. The pass then drops the rest
         of the current work item, ends in StateFinished with the next pending
         item and emits no Progress(100, ...). A continue slot resumes with

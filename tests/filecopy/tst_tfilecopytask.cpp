@@ -7,7 +7,10 @@
 #include <QThread>
 
 #include <atomic>
+#include <cstring>
 #include <mutex>
+
+#include <sys/stat.h>
 
 using Action = TFileCopyTask::EFileExistsAction;
 
@@ -47,6 +50,8 @@ class tst_TFileCopyTask : public QObject
 private slots:
     void batches_data();
     void batches();
+    void plan_data();
+    void plan();
 };
 
 // A row creates a tree (see MakeTree()) in a temporary directory, runs its
@@ -62,12 +67,15 @@ private slots:
 //       Continue:4 (SkipAll) or ContinueRename:0:@/alt.
 //   StopAtReport:n  the receiver of the n-th Progress() from now calls Stop().
 //   Remove:path  deletes a file.
+//   Fifo:path  makes a named pipe.
 // "@" stands for the temporary directory.
 //
 // events: every signal, in order, separated by ", ":
 //   "P percent copied skipped"  Progress()
 //   "F path"                    FileCopied(), path relative to src/
 //   "S state path"              State(), "-" for an empty QFileInfo
+//   "X path ERROR"              EntryFailed(), with the errno name
+//   "L path Reason"             EntryLeftOut()
 // "*" matches any text within one event, "..." any run of events.
 // Each row runs twice: with the task in the test thread, then in a worker
 // thread, where the slots are called through queued connections.
@@ -127,14 +135,26 @@ void tst_TFileCopyTask::batches_data()
     // (y.txt) is dropped.
     const char *failing = "src/a.txt=a src/b.txt=b src/d/sub/x.txt=x src/d/sub/y.txt=y dst/d=file";
     AddRow("a failure with items left pauses", failing, "Copy:1:a.txt d b.txt, ContinueSkip",
-           "P 0 0 0, P 25 0 0, F b.txt, S 3 a.txt, P 50 1 0, F a.txt, P 100 2 0, S 4 -",
+           "P 0 0 0, P 25 0 0, F b.txt, X d/sub/x.txt ENOTDIR, S 3 a.txt, P 50 1 0, F a.txt, "
+           "P 100 2 0, S 4 -",
            "dst/d=file");
-    AddRow("a failure of the last item ends the batch", failing, "Copy:1:d b.txt",
-           "P 0 0 0, P 33 0 0, F b.txt, P 100 1 0, S 4 -", "dst/d=file");
+    AddRow("a failure of the last item ends the batch, and is told", failing, "Copy:1:d b.txt",
+           "P 0 0 0, P 33 0 0, F b.txt, X d/sub/x.txt ENOTDIR, P 100 1 0, S 4 -", "dst/d=file");
     AddRow("stop inside a large file, resume", "src/a.txt=a src/b.txt=b src/big.bin#8388608",
            "StopAtReport:2+Copy:0:a.txt b.txt big.bin, Continue:0",
-           "P 0 0 0, P * 0 0, S 4 b.txt, P *, F b.txt, P *, F a.txt, P 100 2 0, S 4 -",
+           "P 0 0 0, P * 0 0, X big.bin ECANCELED, S 4 b.txt, P *, F b.txt, P *, F a.txt, "
+           "P 100 2 0, S 4 -",
            "dst/a.txt=a dst/b.txt=b");
+    // What is left out is told as each item is copied; a skipped item (z)
+    // tells nothing.
+    AddRow("left out: hidden names, special files, links to nothing and into the tree",
+           "src/x/a.txt=a src/x/.h=h src/x/.hd/f=f src/x/dead->nowhere src/x/loop->. "
+           "src/y/b.txt=b src/y/.h=h src/z/c.txt=c src/z/.h=h dst/z/",
+           "Fifo:@/src/x/p+SetFileExistAction:3+Copy:0:x y z",
+           "P 0 0 0, L y/.h HiddenName, P 67 0 1, F y/b.txt, L x/.h HiddenName, "
+           "L x/.hd HiddenName, L x/dead DanglingLink, L x/p Fifo, L x/loop LinkIntoTree, "
+           "P 99 1 1, F x/a.txt, P 100 2 1, S 4 -",
+           "dst=/x,y,z dst/x=/a.txt dst/z=/");
 
     const QByteArray nothing = "P 100 0 0, P 100 0 0, S 4 -";
     AddRow("Continue on a new task", "src/a.txt=a", "ContinueOverwrite", nothing, "dst=-");
@@ -170,12 +190,12 @@ void tst_TFileCopyTask::batches_data()
            "..., P 100 1 0, S 4 -", "back\\1%off/a.txt=a");
     // Never onto the source itself, whatever the answer.
     AddRow("an entry the prefix does not match fails", "src/d/x.txt=x",
-           "ContinueOverwriteAll, Copy:0:d:@/src/d$:@/elsewhere", "..., P 0 0 0, P 100 0 0, S 4 -",
-           "src/d/x.txt=x elsewhere=-");
+           "ContinueOverwriteAll, Copy:0:d:@/src/d$:@/elsewhere",
+           "..., P 0 0 0, X d/x.txt EINVAL, P 100 0 0, S 4 -", "src/d/x.txt=x elsewhere=-");
     AddRow("the destination is the source, also but for the extension's case",
            "src/d/x.txt=x src/Photo.JPG=p",
            "ContinueOverwriteAll, Copy:0:d Photo.JPG::@/src, ContinueOverwriteAll",
-           "..., P 0 0 0, S 3 d, P 100 0 0, S 4 -",
+           "..., P 0 0 0, X Photo.JPG EINVAL, S 3 d, X d/x.txt EINVAL, P 100 0 0, S 4 -",
            "src/d/x.txt=x src/Photo.JPG=p src/Photo.jpg=-");
 }
 
@@ -211,6 +231,18 @@ void tst_TFileCopyTask::batches()
     });
     QObject::connect(&task, &TFileCopyTask::FileCopied,
                      [&](const QFileInfo &file) { record(QStringLiteral("F ") + relative(file)); });
+    QObject::connect(task.Notifier(), &TFileCopyNotifier::EntryFailed,
+                     [&](const QFileInfo &file, int error) {
+                         record(QStringLiteral("X %1 %2").arg(
+                                 relative(file), QLatin1String(::strerrorname_np(error))));
+                     });
+    QObject::connect(
+            task.Notifier(), &TFileCopyNotifier::EntryLeftOut,
+            [&](const QFileInfo &file, TFileCopyNotifier::LeftOutReason reason) {
+                record(QStringLiteral("L %1 %2").arg(
+                        relative(file),
+                        QLatin1String(QMetaEnum::fromType<decltype(reason)>().valueToKey(reason))));
+            });
     // Stop() is the one call a receiver inside the pass may make.
     std::atomic<int> reportsToStop { 0 };
     QObject::connect(&task, &TFileCopyTask::Progress, [&](int percent, int copied, int skipped) {
@@ -246,6 +278,8 @@ void tst_TFileCopyTask::batches()
                 reportsToStop = word[1].toInt();
             } else if (name == "Remove") {
                 QVERIFY(QFile::remove(word[1]));
+            } else if (name == "Fifo") {
+                QCOMPARE(::mkfifo(QFile::encodeName(word[1]).constData(), 0644), 0);
             } else {
                 QVERIFY(QMetaObject::invokeMethod(
                         &task, name,
@@ -274,6 +308,69 @@ void tst_TFileCopyTask::batches()
     // In a worker, only the Progress(0, 0, 0) of CopyFiles() comes from the calling thread.
     QCOMPARE(emittedElsewhere.load(), worker ? int(steps.count(QLatin1String("Copy:"))) : 0);
     CheckFiles(tmp.path(), files);
+}
+
+// The plan of a batch, as the task shows it without copying: the work items
+// of src/t split at depth, the entries of each item, what both leave out
+// ("path Reason"), and the destination of each entry for the prefixes
+// src/ and dst/%1 ("-" where the prefix does not match).
+void tst_TFileCopyTask::plan_data()
+{
+    QTest::addColumn<int>("depth");
+    QTest::addColumn<QString>("items");
+    QTest::addColumn<QString>("entries");
+    QTest::addColumn<QString>("leftOut");
+
+    QTest::newRow("split to files") << -1 << "t/A/x.txt t/b.txt t/e"
+                                    << "t/A/x.txt t/b.txt t/e"
+                                    << "t/.h HiddenName, t/A/up LinkIntoTree";
+    QTest::newRow("one item") << 0 << "t"
+                              << "t/A/x.txt t/b.txt t/e"
+                              << "t/.h HiddenName, t/A/up LinkIntoTree";
+    QTest::newRow("split one level") << 1 << "t/A t/b.txt t/e"
+                                     << "t/A/x.txt t/b.txt t/e"
+                                     << "t/.h HiddenName, t/A/up LinkIntoTree";
+}
+
+void tst_TFileCopyTask::plan()
+{
+    QFETCH(int, depth);
+    QFETCH(QString, items);
+    QFETCH(QString, entries);
+    QFETCH(QString, leftOut);
+    QTemporaryDir tmp;
+    MakeTree(tmp.path(),
+             QStringLiteral("src/t/b.txt=b src/t/A/x.txt=x src/t/.h=h src/t/e/ "
+                            "src/t/A/up->.. src/elsewhere.txt=e"));
+    const QDir src(tmp.path() + QStringLiteral("/src"));
+    QStringList leftOutSeen;
+    const auto noteLeftOut = [&](const QFileInfo &entry, TFileCopyNotifier::LeftOutReason reason) {
+        leftOutSeen << src.relativeFilePath(entry.absoluteFilePath()) + QLatin1Char(' ')
+                        + QLatin1String(QMetaEnum::fromType<decltype(reason)>().valueToKey(reason));
+    };
+    const auto names = [&src](const QList<QFileInfo> &list) {
+        QStringList relative;
+        for (const QFileInfo &info : list)
+            relative << src.relativeFilePath(info.absoluteFilePath());
+        return relative.join(QLatin1Char(' '));
+    };
+
+    const QList<QFileInfo> workItems = TFileCopyTask::WorkItems(
+            QFileInfo(src.filePath(QStringLiteral("t"))), depth, noteLeftOut);
+    QCOMPARE(names(workItems), items);
+    QList<QFileInfo> allEntries;
+    for (const QFileInfo &item : workItems)
+        allEntries += TFileCopyTask::Entries(item, noteLeftOut);
+    QCOMPARE(names(allEntries), entries);
+    QCOMPARE(leftOutSeen.join(QStringLiteral(", ")), leftOut);
+
+    const QString srcPrefix = QRegExp::escape(src.path());
+    const QString destPrefix = tmp.path() + QStringLiteral("/dst/%1");
+    QCOMPARE(TFileCopyTask::DestinationPath(allEntries.constFirst(), srcPrefix, destPrefix),
+             tmp.path() + QStringLiteral("/dst/x/t/A/x.txt"));
+    QVERIFY(TFileCopyTask::DestinationPath(QFileInfo(QStringLiteral("/elsewhere/t/b.txt")),
+                                           srcPrefix, destPrefix)
+                    .isNull());
 }
 
 QTEST_GUILESS_MAIN(tst_TFileCopyTask)

@@ -1,0 +1,5 @@
+#include "TFileCopyNotifier.h"
+
+#include "TFileCopyTask.h"
+
+TFileCopyNotifier::TFileCopyNotifier(TFileCopyTask *task) : QObject(task) { }
