@@ -146,6 +146,12 @@ bool TFileSystemHelper::CopyDir(const QString &sourceDir, const QString &destDir
     return TreeCopy::run(sourceDir, destDir);
 }
 
+bool TFileSystemHelper::CopyDir(const QString &sourceDir, const QString &destDir,
+                                QStringList *leftOut)
+{
+    return TreeCopy::run(sourceDir, destDir, leftOut);
+}
+
 bool TFileSystemHelper::DeleteDirGeneric(const QString &dirPath, bool ignoreErrors,
                                          bool deleteRootDir)
 {

@@ -351,6 +351,17 @@ public:
     static bool CopyDir(const QString &sourceDir, const QString &destDir);
 
     /*!
+        Copies as the overload above does and, when \a leftOut is not null,
+        appends to it the path of each entry that the rules leave out (a
+        hidden name, a special file, a link to nothing), in the order the
+        copy meets them: \a sourceDir cleaned (QDir::cleanPath()) followed
+        by the entry's path below it. A hidden directory is one entry; what
+        it holds is not looked at. Directories refused because they lead
+        back into the tree or into the copy are failures, not left out.
+    */
+    static bool CopyDir(const QString &sourceDir, const QString &destDir, QStringList *leftOut);
+
+    /*!
         Deletes what the directory \a dirPath holds, subdirectories included,
         and when \a deleteRootDir is true the directory itself.
 

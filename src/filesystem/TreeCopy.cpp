@@ -5,6 +5,7 @@
 #include "FlushPool_p.h"
 #include "time/FileStamp_p.h"
 
+#include <QDir>
 #include <QFile>
 
 #include <cerrno>
@@ -20,26 +21,31 @@ struct Listing
 {
     std::vector<QByteArray> directories;
     std::vector<QByteArray> files;
+    std::vector<QByteArray> leftOut; // only when asked for
     bool complete = true; // false when the directory could not be listed
 };
 
-Listing list(const Directory &directory)
+Listing list(const Directory &directory, bool withLeftOut)
 {
     Listing listing;
     std::vector<DirectoryEntry> entries;
     listing.complete = directory.list(entries);
     for (const DirectoryEntry &entry : entries) {
-        if (isHiddenName(entry.name))
-            continue;
-        const EntryType type
-                = entry.type == EntryType::Link ? directory.targetTypeOf(entry.name) : entry.type;
-        if (type == EntryType::Directory)
+        const bool hidden = isHiddenName(entry.name);
+        const EntryType type = hidden || entry.type != EntryType::Link
+                ? entry.type
+                : directory.targetTypeOf(entry.name);
+        if (!hidden && type == EntryType::Directory)
             listing.directories.push_back(entry.name);
-        else if (type == EntryType::File)
+        else if (!hidden && type == EntryType::File)
             listing.files.push_back(entry.name);
+        else if (withLeftOut
+                 && (hidden || type != EntryType::Gone || entry.type == EntryType::Link))
+            listing.leftOut.push_back(entry.name); // not one that vanished meanwhile
     }
     sortIgnoringCase(listing.directories);
     sortIgnoringCase(listing.files);
+    sortIgnoringCase(listing.leftOut);
     return listing;
 }
 
@@ -89,13 +95,14 @@ bool liesWithin(const Directory &directory, const struct stat &status)
 class Copy
 {
 public:
-    Copy(Directory source, Directory destination)
-        : m_source(std::move(source)), m_destination(std::move(destination))
+    Copy(Directory source, Directory destination, const QString &sourceTop, QStringList *leftOut)
+        : m_source(std::move(source)), m_destination(std::move(destination)),
+          m_sourceTop(sourceTop), m_leftOut(leftOut)
     { }
 
     bool run()
     {
-        m_frames.push_back({ list(*m_source.innermost()), 0, true, {} });
+        pushFrame({});
         bool result = true;
         while (!m_frames.empty()) {
             Frame &frame = m_frames.back();
@@ -146,8 +153,22 @@ private:
             m_destination.pop();
             return false;
         }
-        m_frames.push_back({ list(*source), 0, true, name });
+        pushFrame(name);
         return true;
+    }
+
+    void pushFrame(const QByteArray &name)
+    {
+        m_frames.push_back({ list(*m_source.innermost(), m_leftOut), 0, true, name });
+        if (!m_leftOut)
+            return;
+        // Named by path, for the caller: the top as given, the rest as the
+        // descent went.
+        QString directory = m_sourceTop;
+        for (std::size_t i = 1; i < m_frames.size(); ++i)
+            directory += QLatin1Char('/') + QFile::decodeName(m_frames[i].name);
+        for (const QByteArray &leftOut : m_frames.back().listing.leftOut)
+            m_leftOut->append(directory + QLatin1Char('/') + QFile::decodeName(leftOut));
     }
 
     // The innermost directory's subdirectories are done: copies its files
@@ -180,13 +201,15 @@ private:
 
     DirectoryPath m_source;
     DirectoryPath m_destination;
+    const QString m_sourceTop;
+    QStringList *const m_leftOut;
     std::vector<Frame> m_frames;
     FlushPool m_flushPool;
 };
 
 } // namespace
 
-bool TreeCopy::run(const QString &sourceDir, const QString &destDir)
+bool TreeCopy::run(const QString &sourceDir, const QString &destDir, QStringList *leftOut)
 {
     // A missing source lists nothing; one that cannot be opened otherwise
     // is a failure, after the destination is made all the same.
@@ -213,5 +236,6 @@ bool TreeCopy::run(const QString &sourceDir, const QString &destDir)
         stampWithOffsetClock(destination.fd());
         return sourceMissing;
     }
-    return Copy(std::move(source), std::move(destination)).run();
+    return Copy(std::move(source), std::move(destination), QDir::cleanPath(sourceDir), leftOut)
+            .run();
 }

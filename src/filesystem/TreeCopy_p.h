@@ -9,12 +9,14 @@
 #define TRELLIS_TREECOPY_P_H
 
 #include <QString>
+#include <QStringList>
 
 // TFileSystemHelper::CopyDir(): copies a directory tree into another,
 // walking both through descriptors (see DirectoryPath), so that no entry
-// below either top is ever found again by its path.
+// below either top is ever found again by its path. With leftOut, the paths
+// of what the rules leave out are appended to it.
 namespace TreeCopy {
-bool run(const QString &sourceDir, const QString &destDir);
+bool run(const QString &sourceDir, const QString &destDir, QStringList *leftOut = nullptr);
 }
 
 #endif // TRELLIS_TREECOPY_P_H
