@@ -1,6 +1,6 @@
 #include "FlushPool_p.h"
 
-#include <system_error>
+#include "ThreadStart_p.h"
 
 #include <unistd.h>
 
@@ -50,12 +50,7 @@ void FlushPool::waitForAll()
 
 bool FlushPool::startThread()
 {
-    try {
-        m_threads.emplace_back([this] { work(); });
-        return true;
-    } catch (const std::system_error &) {
-        return false;
-    }
+    return tryStartThread(m_threads, [this] { work(); });
 }
 
 void FlushPool::work()

@@ -1,6 +1,7 @@
 #include "TreeDelete_p.h"
 
 #include "DirectoryPath_p.h"
+#include "ThreadStart_p.h"
 
 #include <QDir>
 #include <QFile>
@@ -9,7 +10,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <system_error>
 #include <thread>
 
 #include <fcntl.h>
@@ -198,10 +198,8 @@ bool empty(const Directory &root, bool ignoreErrors)
             walk.run({ subdirectories[i] });
     };
     std::vector<std::thread> helpers;
-    try {
-        while (helpers.size() + 1 < std::min(MaxThreads, subdirectories.size()))
-            helpers.emplace_back(work);
-    } catch (const std::system_error &) { }
+    while (helpers.size() + 1 < std::min(MaxThreads, subdirectories.size())
+           && tryStartThread(helpers, work)) { }
     work();
     for (std::thread &helper : helpers)
         helper.join();
