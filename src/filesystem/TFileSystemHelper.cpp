@@ -71,9 +71,47 @@ const QRegExp &TFileSystemHelper::LowerCaseFilenameExtensionRegExp()
     return pattern;
 }
 
+namespace {
+
+enum class AsciiExtension { None, Lower, NotLower, Unknown };
+
+// What the last four characters of path are, as far as plain ASCII can
+// tell: the pattern's case-insensitive [a-z] may also match letters beyond
+// ASCII whose case maps into it, which only the pattern can decide.
+AsciiExtension asciiExtension(const QString &path)
+{
+    const int size = path.size();
+    if (size < 4 || path.at(size - 4) != QLatin1Char('.'))
+        return AsciiExtension::None;
+    AsciiExtension kind = AsciiExtension::Lower;
+    for (int i = size - 3; i < size; ++i) {
+        const char16_t c = path.at(i).unicode();
+        if (c >= 'A' && c <= 'Z')
+            kind = AsciiExtension::NotLower;
+        else if (c > 0x7f)
+            return AsciiExtension::Unknown;
+        else if (c < 'a' || c > 'z')
+            return AsciiExtension::None;
+    }
+    return kind;
+}
+
+} // namespace
+
 QString TFileSystemHelper::FileCopyLowerCaseDestFilename(const QString &path)
 {
     static const QRegExp extension(CaseInsensitiveFilenameExtensionRegExp());
+    // Every copy passes its name through here: the common cases are
+    // answered without the pattern.
+    switch (asciiExtension(path)) {
+    case AsciiExtension::None:
+    case AsciiExtension::Lower:
+        return path;
+    case AsciiExtension::NotLower:
+        return path.left(path.size() - 3) + path.right(3).toLower();
+    case AsciiExtension::Unknown:
+        break;
+    }
     // A match records its captures in the pattern object, so each call
     // matches with a copy of its own. The shared pattern is never matched
     // itself, so copying it only reads it (and shares its compiled form),
