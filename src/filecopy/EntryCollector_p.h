@@ -40,7 +40,7 @@ public:
     // Why entry could not be read completely (an errno value), or 0.
     int readError(const QFileInfo &entry) const
     {
-        return m_unreadable.value(entry.absoluteFilePath());
+        return m_unreadable.isEmpty() ? 0 : m_unreadable.value(entry.absoluteFilePath());
     }
 
     // Forgets the unreadable entries: a new batch looks at everything anew.

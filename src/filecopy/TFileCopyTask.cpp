@@ -1,6 +1,7 @@
 #include "TFileCopyTask.h"
 
 #include "EntryCollector_p.h"
+#include "SourcePattern_p.h"
 #include "filesystem/FileCopier_p.h"
 
 #include <Trellis/TFileSystemHelper.h>
@@ -8,7 +9,6 @@
 #include <QDir>
 #include <QFile>
 #include <QMetaType>
-#include <QRegularExpression>
 
 #include <algorithm>
 #include <atomic>
@@ -23,6 +23,21 @@ namespace {
 // How deep a work item is collected when it is measured and when it is copied.
 constexpr int WorkItemDepth = 100;
 
+// Whether text holds a place marker that QString::arg() replaces: a '%', an
+// optional 'L' and a digit.
+bool HasPlaceMarker(const QString &text)
+{
+    const QLatin1Char percent('%');
+    for (int at = text.indexOf(percent); at >= 0; at = text.indexOf(percent, at + 1)) {
+        int digit = at + 1;
+        if (digit < text.size() && text.at(digit) == QLatin1Char('L'))
+            ++digit;
+        if (digit < text.size() && text.at(digit).isDigit())
+            return true;
+    }
+    return false;
+}
+
 // A destination prefix, in which a place marker stands for each entry's
 // complete base name. QString::arg() warns about a text without one, and the
 // library writes no log, so such a prefix is used as it stands.
@@ -30,7 +45,7 @@ class DestinationPrefix
 {
 public:
     explicit DestinationPrefix(const QString &text)
-        : text(text), hasPlaceMarker(text.contains(PlaceMarker()))
+        : text(text), hasPlaceMarker(HasPlaceMarker(text))
     { }
 
     QString For(const QFileInfo &entry) const
@@ -39,25 +54,9 @@ public:
     }
 
 private:
-    static const QRegularExpression &PlaceMarker()
-    {
-        static const QRegularExpression placeMarker(QStringLiteral("%L?\\d"));
-        return placeMarker;
-    }
-
     const QString text;
     const bool hasPlaceMarker;
 };
-
-// sourcePath with the match of pattern replaced by prefix, taken literally; a
-// null string when the pattern does not match.
-QString DestinationOf(const QString &sourcePath, const QRegExp &pattern, const QString &prefix)
-{
-    const int at = pattern.indexIn(sourcePath);
-    if (at < 0)
-        return QString();
-    return QString(sourcePath).replace(at, pattern.matchedLength(), prefix);
-}
 
 // A QFileInfo of the same path that shares no cached state with info, for
 // signals whose receivers may use it in another thread.
@@ -90,7 +89,7 @@ public:
             QList<QFileInfo> items;
             collector.collect(source, items, depth, reportLeftOut);
             for (const QFileInfo &item : std::as_const(items)) {
-                if (srcPattern.indexIn(item.absoluteFilePath()) < 0)
+                if (sourcePattern.matchedLength(item.absoluteFilePath()) < 0)
                     continue;
                 pending.append(item);
                 // The item was looked at moments ago; only a directory's
@@ -118,7 +117,7 @@ public:
         if (!isFile && !item.exists())
             return false;
         const QString destination
-                = DestinationOf(item.absoluteFilePath(), srcPattern, prefix.For(item));
+                = sourcePattern.replaced(item.absoluteFilePath(), prefix.For(item));
         if (destination.isNull())
             return false;
         if (QFileInfo::exists(destination))
@@ -156,6 +155,7 @@ public:
     QString destPrefix;
     QString altDestPrefix;
     QRegExp srcPattern;
+    SourcePattern sourcePattern { srcPattern }; // srcPattern, matched quickly
     EntryCollector collector;
     std::atomic<bool> stopRequested { false };
 };
@@ -180,6 +180,7 @@ void TFileCopyTask::CopyFiles(const QList<QFileInfo> &sources, const QString &sr
     for (const QFileInfo &source : sources)
         d->sources.append(Detached(source));
     d->srcPattern = QRegExp(QLatin1Char('^') + srcPrefix, Qt::CaseSensitive, QRegExp::RegExp);
+    d->sourcePattern = SourcePattern(d->srcPattern);
     d->destPrefix = destPrefix;
     d->filesCopied = 0;
     d->filesSkipped = 0;
@@ -214,9 +215,9 @@ QList<QFileInfo> TFileCopyTask::Entries(const QFileInfo &workItem, const LeftOut
 QString TFileCopyTask::DestinationPath(const QFileInfo &entry, const QString &srcPrefix,
                                        const QString &destPrefix)
 {
-    const QRegExp pattern(QLatin1Char('^') + srcPrefix, Qt::CaseSensitive, QRegExp::RegExp);
-    return DestinationOf(entry.absoluteFilePath(), pattern,
-                         DestinationPrefix(destPrefix).For(entry));
+    const SourcePattern pattern(
+            QRegExp(QLatin1Char('^') + srcPrefix, Qt::CaseSensitive, QRegExp::RegExp));
+    return pattern.replaced(entry.absoluteFilePath(), DestinationPrefix(destPrefix).For(entry));
 }
 
 void TFileCopyTask::Stop()
@@ -360,7 +361,10 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
         return false;
     }
     const QString source = fileInfo.absoluteFilePath();
-    const QString destination = DestinationOf(source, pattern, destPrefix);
+    // Run() passes the batch's own pattern, which is prepared already.
+    const QString destination
+            = (pattern == d->srcPattern ? d->sourcePattern : SourcePattern(pattern))
+                      .replaced(source, destPrefix);
     // Left unchanged, the path of an entry that the prefix does not match
     // would name the source itself.
     if (destination.isNull()) {

@@ -1,0 +1,56 @@
+#include "SourcePattern_p.h"
+
+#include <cstring>
+
+namespace {
+
+// The characters that are special in QRegExp::RegExp syntax, which
+// QRegExp::escape() escapes with a backslash.
+bool isSpecial(QChar c)
+{
+    const ushort code = c.unicode();
+    return code != 0 && code < 0x80 && std::strchr("$()*+.?[\\]^{|}", char(code));
+}
+
+} // namespace
+
+SourcePattern::SourcePattern(const QRegExp &pattern) : m_pattern(pattern)
+{
+    const QString text = pattern.pattern();
+    if (pattern.caseSensitivity() != Qt::CaseSensitive || pattern.patternSyntax() != QRegExp::RegExp
+        || !text.startsWith(QLatin1Char('^')))
+        return;
+    // A special character is literal only when escaped; any other escape
+    // (\d, \1, \x41) belongs to the regular expression.
+    QString literal;
+    literal.reserve(text.size());
+    for (int i = 1; i < text.size(); ++i) {
+        QChar c = text.at(i);
+        if (c == QLatin1Char('\\')) {
+            if (++i == text.size() || !isSpecial(text.at(i)))
+                return;
+            c = text.at(i);
+        } else if (isSpecial(c)) {
+            return;
+        }
+        literal.append(c);
+    }
+    m_literal = literal;
+    m_isLiteral = true;
+}
+
+int SourcePattern::matchedLength(const QString &path) const
+{
+    if (m_isLiteral)
+        return path.startsWith(m_literal) ? int(m_literal.size()) : -1;
+    QRegExp matcher(m_pattern); // a match records its captures in the object
+    return matcher.indexIn(path) == 0 ? matcher.matchedLength() : -1;
+}
+
+QString SourcePattern::replaced(const QString &path, const QString &replacement) const
+{
+    const int length = matchedLength(path);
+    if (length < 0)
+        return QString();
+    return QString(path).replace(0, length, replacement);
+}
