@@ -1,0 +1,115 @@
+#ifndef TRELLIS_FILETESTSUPPORT_H
+#define TRELLIS_FILETESTSUPPORT_H
+
+#include "HangWatch.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QMap>
+#include <QProcess>
+#include <QStringList>
+
+#include <sys/stat.h>
+
+// What the file-system tests share: trees made from a list of names, read
+// back whole, and the tools that check them run with a bound.
+
+// Writes contents to path, creating missing parent directories.
+inline bool writeFile(const QString &path, const QByteArray &contents)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size();
+}
+
+inline QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
+}
+
+// Splits a list written as one text: names("a b c") or names("a|b c", '|').
+inline QStringList names(const char *list, char separator = ' ')
+{
+    return QString::fromUtf8(list).split(QLatin1Char(separator), Qt::SkipEmptyParts);
+}
+
+// Makes, under root, "name" a file holding its own name, "name/" a directory
+// and "name->target" a symbolic link, with missing parent directories.
+inline bool makeEntries(const QString &root, const QStringList &entries)
+{
+    for (const QString &entry : entries) {
+        const int arrow = entry.indexOf(QLatin1String("->"));
+        const QString path = root + QLatin1Char('/') + (arrow > 0 ? entry.left(arrow) : entry);
+        if (!(arrow > 0 ? QDir().mkpath(QFileInfo(path).absolutePath())
+                              && QFile::link(entry.mid(arrow + 2), path)
+                      : entry.endsWith(QLatin1Char('/')) ? QDir().mkpath(path)
+                                                         : writeFile(path, entry.toUtf8())))
+            return false;
+    }
+    return true;
+}
+
+// The entry itself, a link not followed; all zero when it is missing.
+inline struct stat status(const QString &path)
+{
+    struct stat result = {};
+    ::lstat(QFile::encodeName(path).constData(), &result);
+    return result;
+}
+
+inline bool exists(const QString &path)
+{
+    return status(path).st_nlink > 0;
+}
+
+inline mode_t mode(const QString &path)
+{
+    return status(path).st_mode & 07777;
+}
+
+// What a tree holds, links not followed: relative path -> mode, modification
+// time and contents, link target or nothing for a directory. Equal snapshots
+// mean nothing was created, removed or written.
+inline QMap<QString, QString> snapshot(const QString &root)
+{
+    QMap<QString, QString> entries;
+    const QDir base(QDir(root).absolutePath());
+    QDirIterator it(base.path(),
+                    QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        const QFileInfo info = it.fileInfo();
+        const QString what = info.isSymLink() ? info.symLinkTarget()
+                : info.isDir()                ? QString()
+                                              : QString::fromLatin1(readFile(path).toHex());
+        entries.insert(base.relativeFilePath(path),
+                       QStringLiteral("%1 %2 %3")
+                               .arg(mode(path), 0, 8)
+                               .arg(status(path).st_mtime)
+                               .arg(what));
+    }
+    return entries;
+}
+
+// Runs a command (the program, then its arguments) and returns its exit
+// code, or -1 when it could not run or did not end within the bound.
+inline int run(QStringList command, QByteArray *output = nullptr)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(command.takeFirst(), command);
+    const int bound = int(std::chrono::milliseconds(HangBound).count());
+    const bool finished = process.waitForFinished(bound);
+    if (!finished && process.state() != QProcess::NotRunning)
+        qWarning("Still waiting after %d s for %s %s", bound / 1000, qPrintable(process.program()),
+                 qPrintable(process.arguments().join(u' ')));
+    if (output)
+        *output = process.readAll();
+    return finished && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
+
+#endif // TRELLIS_FILETESTSUPPORT_H
