@@ -3,26 +3,20 @@
 // for a fixed number of rounds, each driven by the attacker's own events,
 // never by sleeps. Rows that need root skip, saying so, when not root.
 
-#include "HangWatch.h"
+#include "FileTestSupport.h"
 #include "programcommand.h"
 
 #include <Trellis/TFileCopyTask.h>
 #include <Trellis/TFileHash.h>
 #include <Trellis/TFileSystemHelper.h>
 
-#include <QDir>
-#include <QFile>
-#include <QProcess>
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <functional>
-
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -30,48 +24,11 @@ namespace {
 
 constexpr uid_t Nobody = 65534;
 
-bool writeFile(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
-}
-
-// Every entry below dir, with its mode and content: what must not change.
-QStringList fingerprint(const QString &dir)
-{
-    QStringList entries;
-    const QFileInfoList infos = QDir(dir).entryInfoList(
-            QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
-    for (const QFileInfo &info : infos) {
-        struct stat status;
-        ::lstat(QFile::encodeName(info.filePath()).constData(), &status);
-        QFile file(info.filePath());
-        const QByteArray content = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-        entries << QStringLiteral("%1 %2 %3")
-                           .arg(info.fileName())
-                           .arg(status.st_mode, 0, 8)
-                           .arg(QString::fromLatin1(content.toHex()));
-    }
-    return entries;
-}
-
-// Every entry below dir, by find: its path relative to dir, type and size.
-QByteArray listing(const QString &dir)
-{
-    QProcess find;
-    find.start(QStringLiteral("find"),
-               { dir, QStringLiteral("-printf"), QStringLiteral("%P %y %s\\n") });
-    find.waitForFinished(-1);
-    QByteArrayList lines = find.readAllStandardOutput().split('\n');
-    std::sort(lines.begin(), lines.end());
-    return lines.join('\n');
-}
-
 // Hands the tree under path to the ordinary user the attacker runs as.
 bool giveToNobody(const QString &path)
 {
-    return QProcess::execute(QStringLiteral("chown"),
-                             { QStringLiteral("-R"), QStringLiteral("%1:%1").arg(Nobody), path })
+    return run({ QStringLiteral("chown"), QStringLiteral("-R"), QStringLiteral("%1:%1").arg(Nobody),
+                 path })
             == 0;
 }
 
@@ -190,7 +147,7 @@ private slots:
         // would find them.
         for (int f = 0; f < 4; ++f)
             QVERIFY(writeFile(outside + QStringLiteral("/f%1").arg(f), "keep"));
-        const QStringList untouched = fingerprint(outside);
+        const auto untouched = snapshot(outside);
 
         for (int round = 0; round < 20; ++round) {
             const QString tree = path(QStringLiteral("tree"));
@@ -207,7 +164,7 @@ private slots:
                 QVERIFY(attacker.waitUntilReady());
                 TFileSystemHelper::DeleteDirGeneric(tree, true, false);
             }
-            QCOMPARE(fingerprint(outside), untouched);
+            QCOMPARE(snapshot(outside), untouched);
             QVERIFY(QDir(tree).removeRecursively());
         }
     }
@@ -220,9 +177,9 @@ private slots:
         QFETCH(bool, otherUser);
         if (otherUser && !whyNoOtherUser().isEmpty())
             QSKIP(qPrintable(whyNoOtherUser()));
-        const QString target = path(QStringLiteral("precious"));
+        const QString target = path(QStringLiteral("keep/precious"));
         QVERIFY(writeFile(target, "precious"));
-        const QStringList untouched = fingerprint(m_dir->path());
+        const auto untouched = snapshot(path(QStringLiteral("keep")));
         const QString source = path(QStringLiteral("source"));
         QVERIFY(writeFile(source, QByteArray(10000, 's')));
         const QString drop = path(QStringLiteral("drop"));
@@ -235,8 +192,7 @@ private slots:
         QVERIFY(attacker.waitUntilReady());
         for (int i = 0; i < 2000; ++i)
             TFileSystemHelper::FileCopy(source, destination, false);
-        QCOMPARE(fingerprint(m_dir->path()).filter(QStringLiteral("precious")),
-                 untouched.filter(QStringLiteral("precious")));
+        QCOMPARE(snapshot(path(QStringLiteral("keep"))), untouched);
     }
 
     // A name is bytes: one in no valid encoding is copied like any other.
@@ -256,9 +212,8 @@ private slots:
         }
         QVERIFY(TFileSystemHelper::CopyDir(path(QStringLiteral("source")),
                                            path(QStringLiteral("copy"))));
-        QCOMPARE(QProcess::execute(QStringLiteral("diff"),
-                                   { QStringLiteral("-r"), path(QStringLiteral("source")),
-                                     path(QStringLiteral("copy")) }),
+        QCOMPARE(run({ QStringLiteral("diff"), QStringLiteral("-r"), path(QStringLiteral("source")),
+                       path(QStringLiteral("copy")) }),
                  0);
         QVERIFY(TFileSystemHelper::DeleteDirGeneric(path(QStringLiteral("copy")), false, true));
         QVERIFY(!QFileInfo::exists(path(QStringLiteral("copy"))));
@@ -274,25 +229,29 @@ private slots:
     // walks neither give up nor run out.
     void deepTrees()
     {
-        constexpr int Depth = 3000;
         int fd = ::open(QFile::encodeName(m_dir->path()), O_RDONLY | O_DIRECTORY);
-        QCOMPARE(::mkdirat(fd, "deep", 0755), 0);
-        for (int level = 0; level < Depth && fd >= 0; ++level) {
-            const int child = ::openat(fd, level ? "d" : "deep", O_RDONLY | O_DIRECTORY);
+        for (int level = 0; level < 3000; ++level) {
+            const char *const name = level ? "d" : "deep";
+            QCOMPARE(::mkdirat(fd, name, 0755), 0);
+            const int child = ::openat(fd, name, O_RDONLY | O_DIRECTORY);
             ::close(fd);
-            fd = child;
-            if (level + 1 < Depth)
-                QCOMPARE(::mkdirat(fd, "d", 0755), 0);
+            QVERIFY((fd = child) >= 0);
             const int file = ::openat(fd, "file.txt", O_WRONLY | O_CREAT, 0644);
-            QVERIFY(file >= 0 && ::write(file, "x", 1) == 1);
-            ::close(file);
+            QVERIFY(file >= 0 && ::write(file, "x", 1) == 1 && ::close(file) == 0);
         }
-        QVERIFY(fd >= 0);
         ::close(fd);
         QVERIFY(TFileSystemHelper::CopyDir(path(QStringLiteral("deep")),
                                            path(QStringLiteral("copy"))));
         // diff -r stops at PATH_MAX; find walks as deep as the tree goes.
-        QCOMPARE(listing(path(QStringLiteral("copy"))), listing(path(QStringLiteral("deep"))));
+        const auto listing = [this](const char *tree) {
+            QByteArray lines;
+            run({ QStringLiteral("sh"), QStringLiteral("-c"),
+                  QStringLiteral("cd \"$0\" && find . -printf '%p %y %s\\n' | sort"),
+                  path(QLatin1String(tree)) },
+                &lines);
+            return lines;
+        };
+        QCOMPARE(listing("copy"), listing("deep"));
         for (const QString &tree : { QStringLiteral("deep"), QStringLiteral("copy") }) {
             QVERIFY(TFileSystemHelper::DeleteDirGeneric(path(tree), false, true));
             QVERIFY(!QFileInfo::exists(path(tree)));
@@ -364,24 +323,24 @@ private slots:
         const QString outside = path(QStringLiteral("outside"));
         QVERIFY(QDir().mkdir(outside));
         QVERIFY(writeFile(outside + QStringLiteral("/file"), "outside"));
-        const QStringList untouched = fingerprint(outside);
-        QProcess shell;
-        shell.setWorkingDirectory(m_dir->path());
-        shell.start(QStringLiteral("sh"), { QStringLiteral("-c"), make });
-        QVERIFY(shell.waitForFinished(-1));
-        QVERIFY2(shell.exitCode() == 0, shell.readAllStandardError().constData());
+        QByteArray output;
+        QVERIFY2(run({ QStringLiteral("sh"), QStringLiteral("-c"),
+                       QStringLiteral("cd \"$0\" && ") + make, m_dir->path() },
+                     &output)
+                         == 0,
+                 output.constData());
         // The shell's own staging tree may hold links out; only the archives count.
         QVERIFY(QDir(path(QStringLiteral("stage"))).removeRecursively());
-        QVERIFY(writeFile(outside + QStringLiteral("/file"), "outside"));
+        const auto untouched = snapshot(outside);
 
         const QString dest = path(QStringLiteral("dest"));
         QVERIFY(QDir().mkdir(dest));
         if (QFileInfo::exists(path(QStringLiteral("first.tgz"))))
             QVERIFY(TFileSystemHelper::Unzip(path(QStringLiteral("first.tgz")), dest));
-        const QStringList before = fingerprint(dest);
+        const auto before = snapshot(dest);
         QVERIFY(!TFileSystemHelper::Unzip(path(QStringLiteral("last.tgz")), dest));
-        QCOMPARE(fingerprint(dest), before);
-        QCOMPARE(fingerprint(outside), untouched);
+        QCOMPARE(snapshot(dest), before);
+        QCOMPARE(snapshot(outside), untouched);
     }
 
     // What has no end, or may block its reader, is refused at once: the copy
