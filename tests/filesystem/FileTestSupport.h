@@ -16,6 +16,12 @@
 // What the file-system tests share: trees made from a list of names, read
 // back whole, and the tools that check them run with a bound.
 
+// "text"_s is a QString, as QStringLiteral("text") is.
+inline QString operator""_s(const char *text, size_t size)
+{
+    return QString::fromUtf8(text, int(size));
+}
+
 // Writes contents to path, creating missing parent directories.
 inline bool writeFile(const QString &path, const QByteArray &contents)
 {
@@ -42,11 +48,11 @@ inline bool makeEntries(const QString &root, const QStringList &entries)
 {
     for (const QString &entry : entries) {
         const int arrow = entry.indexOf(QLatin1String("->"));
-        const QString path = root + QLatin1Char('/') + (arrow > 0 ? entry.left(arrow) : entry);
+        const QString path = root + u'/' + (arrow > 0 ? entry.left(arrow) : entry);
         if (!(arrow > 0 ? QDir().mkpath(QFileInfo(path).absolutePath())
                               && QFile::link(entry.mid(arrow + 2), path)
-                      : entry.endsWith(QLatin1Char('/')) ? QDir().mkpath(path)
-                                                         : writeFile(path, entry.toUtf8())))
+                      : entry.endsWith(u'/') ? QDir().mkpath(path)
+                                             : writeFile(path, entry.toUtf8())))
             return false;
     }
     return true;

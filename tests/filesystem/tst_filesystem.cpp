@@ -36,9 +36,7 @@ QByteArray randomBytes(qint64 size, quint32 seed = 1)
 // the command prefix.
 int runProbe(const QStringList &prefix, const QStringList &arguments, QByteArray *output = nullptr)
 {
-    return run(prefix
-                       + programCommand(QCoreApplication::applicationDirPath()
-                                        + QStringLiteral("/filecopy_probe"))
+    return run(prefix + programCommand(QCoreApplication::applicationDirPath() + "/filecopy_probe"_s)
                        + arguments,
                output);
 }
@@ -133,7 +131,7 @@ private slots:
         QTest::newRow("empty") << QString() << false << QString();
         QTest::newRow("extension") << "report.txt" << false << "report_txt";
         QTest::newRow("dots at both ends") << ".hidden." << false << "_hidden_";
-        for (const QChar c : QStringLiteral("\\/:*?\"<>|"))
+        for (const QChar c : "\\/:*?\"<>|"_s)
             QTest::addRow("contains %c", c.toLatin1()) << QString(c) + c << false << "__";
     }
 
@@ -171,7 +169,7 @@ private slots:
                                TFileSystemHelper::UpperCaseFilenameExtensionRegExp(),
                                TFileSystemHelper::LowerCaseFilenameExtensionRegExp() };
         for (QRegExp &pattern : patterns) {
-            const bool matches = matched.at(&pattern - patterns) != QLatin1Char('-');
+            const bool matches = matched.at(&pattern - patterns) != u'-';
             QCOMPARE(pattern.indexIn(path), matches ? path.size() - 4 : -1);
             QCOMPARE(pattern.cap(1), matches ? path.right(3) : QString());
         }
@@ -180,11 +178,11 @@ private slots:
         std::atomic<bool> stop { false };
         std::thread other([&stop] {
             while (!stop)
-                TFileSystemHelper::FileCopyLowerCaseDestFilename(QStringLiteral("/f.XYZ"));
+                TFileSystemHelper::FileCopyLowerCaseDestFilename("/f.XYZ"_s);
         });
         const auto join = qScopeGuard([&] {
             stop = true;
-            const HangWatch watch(QStringLiteral("the other lower-casing thread to stop"));
+            const HangWatch watch("the other lower-casing thread to stop"_s);
             other.join();
         });
         for (int round = 0; round < 5000; ++round)
@@ -210,7 +208,7 @@ private slots:
         QByteArray expected("d41d8cd98f00b204e9800998ecf8427e");
         if (size >= 0) {
             QVERIFY(writeFile(path, randomBytes(size, quint32(size))));
-            QCOMPARE(run({ QStringLiteral("md5sum"), path }, &expected), 0);
+            QCOMPARE(run({ "md5sum"_s, path }, &expected), 0);
             expected.truncate(32);
         }
         QCOMPARE(TFileHash::CalculateFileMD5(path).toHex(), expected);
@@ -223,7 +221,7 @@ private slots:
         QTest::addColumn<QString>("existing"); // in out/ before the copy
         QTest::addColumn<QString>("destination");
         QTest::addColumn<QString>("copy"); // the one entry of out/ after
-        const QString old = QStringLiteral("copy.bin");
+        const QString old = "copy.bin"_s;
         // Empty, with no progress call, and past a flush, long enough for
         // several. (Copies around the chunk size are in systemCalls.)
         for (int size : { 0, 24 * 1024 * 1024 + 5 })
@@ -244,22 +242,21 @@ private slots:
         QFETCH(QString, existing);
         QFETCH(QString, destination);
         QFETCH(QString, copy);
-        QVERIFY(writeFile(QStringLiteral("source"), randomBytes(size)));
-        QVERIFY(makeEntries(QStringLiteral("out"), existing.split(QLatin1Char(' '))));
-        QVERIFY(QDir().mkdir(QStringLiteral("elsewhere")));
+        QVERIFY(writeFile("source"_s, randomBytes(size)));
+        QVERIFY(makeEntries("out"_s, existing.split(u' ')));
+        QVERIFY(QDir().mkdir("elsewhere"_s));
         const qint64 before = stampNow();
 
         ProgressCounter counter;
-        counter.path = QStringLiteral("out/") + copy;
-        QVERIFY(TFileSystemHelper::FileCopyWithProgress(QStringLiteral("source"),
-                                                        QStringLiteral("out/") + destination,
+        counter.path = "out/"_s + copy;
+        QVERIFY(TFileSystemHelper::FileCopyWithProgress("source"_s, "out/"_s + destination,
                                                         &counter, "OnBytesWritten", stamp));
-        QCOMPARE(snapshot(QStringLiteral("out")).keys(), QStringList { copy });
-        QVERIFY(QDir(QStringLiteral("elsewhere")).isEmpty());
-        copy.prepend(QStringLiteral("out/"));
+        QCOMPARE(snapshot("out"_s).keys(), QStringList { copy });
+        QVERIFY(QDir("elsewhere"_s).isEmpty());
+        copy.prepend("out/"_s);
         QVERIFY(!QFileInfo(copy).isSymLink());
-        QCOMPARE(run({ QStringLiteral("cmp"), QStringLiteral("source"), copy }), 0);
-        QCOMPARE(mode(QStringLiteral("source")), mode_t(0644));
+        QCOMPARE(run({ "cmp"_s, "source"_s, copy }), 0);
+        QCOMPARE(mode("source"_s), mode_t(0644));
         QCOMPARE(mode(copy), mode_t(0646));
         QCOMPARE(isStamped(copy, before), stamp);
         // Each progress call reports the bytes written since the previous one.
@@ -296,15 +293,14 @@ private slots:
         QFETCH(QString, source);
         QFETCH(QString, destination);
         QFETCH(QString, removed);
-        QVERIFY(makeEntries(QStringLiteral("."),
-                            names("a P.jpg P.JPG to-a->a dir-link->. out/keep")));
+        QVERIFY(makeEntries("."_s, names("a P.jpg P.JPG to-a->a dir-link->. out/keep")));
         QCOMPARE(::link("a", "hard"), 0);
-        auto expected = snapshot(QStringLiteral("."));
-        for (const QString &entry : removed.split(QLatin1Char(' ')))
+        auto expected = snapshot("."_s);
+        for (const QString &entry : removed.split(u' '))
             expected.remove(entry);
 
         QVERIFY(!TFileSystemHelper::FileCopy(source, destination, true));
-        QCOMPARE(snapshot(QStringLiteral(".")), expected);
+        QCOMPARE(snapshot("."_s), expected);
     }
 
     void systemCalls_data()
@@ -334,16 +330,15 @@ private slots:
         QFETCH(qint64, size);
         QFETCH(QVector<qint64>, syncPoints);
         QFETCH(bool, kernelCopy);
-        const QString source = QDir::current().canonicalPath() + QStringLiteral("/source");
-        const QString copy = QDir::current().canonicalPath() + QStringLiteral("/copy");
+        const QString source = QDir::current().canonicalPath() + "/source"_s;
+        const QString copy = QDir::current().canonicalPath() + "/copy"_s;
         QVERIFY(writeFile(source, randomBytes(size)));
         QByteArray output;
         const int exitCode = runProbe(names(kernelCopy ? "" : "env TRELLIS_PROBE_NO_KERNEL_COPY=1")
                                               + names("strace -f -qq -y -e trace=desc -o trace"),
                                       { source, copy }, &output);
-        if (exitCode != 0 && !exists(QStringLiteral("trace")))
-            QSKIP(qPrintable(QStringLiteral("strace cannot run here: ")
-                             + QString::fromLocal8Bit(output)));
+        if (exitCode != 0 && !exists("trace"_s))
+            QSKIP(qPrintable("strace cannot run here: "_s + QString::fromLocal8Bit(output)));
         if (!kernelCopy && exitCode == 3)
             QSKIP("no seccomp filter can refuse copy_file_range() here (an emulator?)");
         QCOMPARE(exitCode, 0);
@@ -357,17 +352,16 @@ private slots:
         // the second half. A write's count is taken from its result.
         const QRegularExpression call(QStringLiteral(
                 "^(?:(\\d+) +)?(?:(\\w+)\\(\\d+<([^>]*)>|<\\.\\.\\. (\\w+) resumed>)"));
-        const QRegularExpression asked(QStringLiteral(", (\\d+)\\) += -?\\d+$"));
+        const QRegularExpression asked(", (\\d+)\\) += -?\\d+$"_s);
         // copy_file_range(in, offset, out, offset, ...) writes to its third argument.
-        const QRegularExpression copiedTo(
-                QStringLiteral("copy_file_range\\(\\d+<[^>]*>, [^,]*, \\d+<([^>]*)>"));
-        const QRegularExpression result(QStringLiteral("\\) += (-?\\d+)$"));
+        const QRegularExpression copiedTo("copy_file_range\\(\\d+<[^>]*>, [^,]*, \\d+<([^>]*)>"_s);
+        const QRegularExpression result("\\) += (-?\\d+)$"_s);
         QHash<QString, QString> unfinishedPaths; // by thread
         QVector<qint64> reads; // the bytes asked for
         QVector<qint64> writeEnds;
         QVector<qint64> syncs; // the bytes written when each flush began
         qint64 written = 0;
-        for (const QString &line : names(readFile(QStringLiteral("trace")).constData(), '\n')) {
+        for (const QString &line : names(readFile("trace"_s).constData(), '\n')) {
             const QRegularExpressionMatch match = call.match(line);
             const bool resumed = match.capturedLength(4) > 0;
             const QString name = match.captured(resumed ? 4 : 2);
@@ -406,25 +400,24 @@ private slots:
     void failingPartWay()
     {
         const QByteArray contents = randomBytes(6 * 1024 * 1024);
-        QVERIFY(writeFile(QStringLiteral("source"), contents));
-        QVERIFY(QFile::setPermissions(QStringLiteral("source"),
-                                      QFile::ReadOwner | QFile::WriteOwner));
-        const QString sourceBefore = snapshot(QStringLiteral(".")).value(QStringLiteral("source"));
+        QVERIFY(writeFile("source"_s, contents));
+        QVERIFY(QFile::setPermissions("source"_s, QFile::ReadOwner | QFile::WriteOwner));
+        const QString sourceBefore = snapshot("."_s).value("source"_s);
         // The probe's files may not grow past 100,000 bytes.
         QCOMPARE(runProbe({}, names("source copy 100000")), 1);
-        QCOMPARE(readFile(QStringLiteral("copy")), contents.left(100000));
+        QCOMPARE(readFile("copy"_s), contents.left(100000));
         ProgressCounter counter;
-        counter.path = QStringLiteral("aborted");
+        counter.path = "aborted"_s;
         counter.abortAt = 0;
-        QVERIFY(!TFileSystemHelper::FileCopyWithProgress(QStringLiteral("source"), counter.path,
-                                                         &counter, "OnBytesWritten", true));
+        QVERIFY(!TFileSystemHelper::FileCopyWithProgress("source"_s, counter.path, &counter,
+                                                         "OnBytesWritten", true));
         QCOMPARE(counter.calls, 1);
         QCOMPARE(readFile(counter.path), contents.left(int(counter.total)));
         // Both are left as far as they got, without the source's 0600 + 0002
         // or a stamp, and the source as it was.
-        for (const QString &copy : { QStringLiteral("copy"), counter.path })
+        for (const QString &copy : { "copy"_s, counter.path })
             QVERIFY(mode(copy) == 0644 && status(copy).st_mtime > stampNow() + 60);
-        QCOMPARE(snapshot(QStringLiteral(".")).value(QStringLiteral("source")), sourceBefore);
+        QCOMPARE(snapshot("."_s).value("source"_s), sourceBefore);
     }
 
     // The last flush of each file is left to other threads: every file
@@ -434,24 +427,23 @@ private slots:
         QStringList files;
         for (int i = 0; i < 40; ++i)
             files << QStringLiteral("d%1/f%2").arg(i % 3).arg(i);
-        QVERIFY(makeEntries(QStringLiteral("src"), files));
-        const QString dest = QDir::current().canonicalPath() + QStringLiteral("/dest");
+        QVERIFY(makeEntries("src"_s, files));
+        const QString dest = QDir::current().canonicalPath() + "/dest"_s;
         QByteArray output;
         const int exitCode = runProbe(names("strace -f -qq -y -e trace=fsync -o trace"),
-                                      { QStringLiteral("src"), dest }, &output);
-        if (exitCode != 0 && !exists(QStringLiteral("trace")))
-            QSKIP(qPrintable(QStringLiteral("strace cannot run here: ")
-                             + QString::fromLocal8Bit(output)));
+                                      { "src"_s, dest }, &output);
+        if (exitCode != 0 && !exists("trace"_s))
+            QSKIP(qPrintable("strace cannot run here: "_s + QString::fromLocal8Bit(output)));
         QCOMPARE(exitCode, 0);
         QCOMPARE(run(names("diff -r src") << dest), 0);
         // Each line reads "pid fsync(fd</path>) = 0", perhaps split in two
         // by another thread's call: the path is in the first half.
-        const QRegularExpression flushed(QStringLiteral("fsync\\(\\d+<([^>]*)>"));
+        const QRegularExpression flushed("fsync\\(\\d+<([^>]*)>"_s);
         QSet<QString> flushedFiles;
-        for (const QString &line : names(readFile(QStringLiteral("trace")).constData(), '\n'))
+        for (const QString &line : names(readFile("trace"_s).constData(), '\n'))
             flushedFiles << flushed.match(line).captured(1);
         for (const QString &file : files)
-            QVERIFY2(flushedFiles.contains(dest + QLatin1Char('/') + file), qPrintable(file));
+            QVERIFY2(flushedFiles.contains(dest + u'/' + file), qPrintable(file));
     }
 
     void copyDir_data()
@@ -469,8 +461,8 @@ private slots:
         QTest::newRow("through a link and '..'") << none << "to-a/../new" << false << none;
         // A linked directory that would be copied into itself is not entered
         // and counts as a failed subdirectory: its parent's files stay behind.
-        const QString dest = QStringLiteral("dest");
-        const QString withoutA = QStringLiteral("a a/inner a/inner/g b b/h old");
+        const QString dest = "dest"_s;
+        const QString withoutA = "a a/inner a/inner/g b b/h old"_s;
         QTest::newRow("link to an ancestor") << "src/a/up->.." << dest << false << withoutA;
         QTest::newRow("link to the destination")
                 << "src/a/o->../../dest" << dest << false << withoutA;
@@ -503,23 +495,22 @@ private slots:
         entries += QStringLiteral(
                 " src/top src/a/f src/a/g src/a/inner/g src/b/h dest/old to-src->src "
                 "to-a->src/a");
-        QVERIFY(makeEntries(QStringLiteral("."),
-                            entries.split(QLatin1Char(' '), Qt::SkipEmptyParts)));
-        const auto sourceBefore = snapshot(QStringLiteral("src"));
-        const auto before = snapshot(QStringLiteral("."));
+        QVERIFY(makeEntries("."_s, entries.split(u' ', Qt::SkipEmptyParts)));
+        const auto sourceBefore = snapshot("src"_s);
+        const auto before = snapshot("."_s);
         const qint64 beforeStamp = stampNow();
 
-        QCOMPARE(TFileSystemHelper::CopyDir(QStringLiteral("src"), destination), result);
-        QCOMPARE(snapshot(QStringLiteral("src")), sourceBefore);
+        QCOMPARE(TFileSystemHelper::CopyDir("src"_s, destination), result);
+        QCOMPARE(snapshot("src"_s), sourceBefore);
         if (copied.isEmpty()) { // refused
-            QCOMPARE(snapshot(QStringLiteral(".")), before);
+            QCOMPARE(snapshot("."_s), before);
             return;
         }
-        QCOMPARE(snapshot(destination).keys(), copied.split(QLatin1Char(' ')));
+        QCOMPARE(snapshot(destination).keys(), copied.split(u' '));
         QVERIFY(isStamped(destination, beforeStamp));
-        for (const QString &entry : copied.split(QLatin1Char(' '))) {
-            const QString copy = destination + QLatin1Char('/') + entry;
-            const QString original = QStringLiteral("src/") + entry;
+        for (const QString &entry : copied.split(u' ')) {
+            const QString copy = destination + u'/' + entry;
+            const QString original = "src/"_s + entry;
             if (QFileInfo(copy).isFile() && exists(original))
                 QCOMPARE(readFile(copy), readFile(original));
             if (result && exists(original)) // each copy is real and stamped
@@ -571,7 +562,7 @@ private slots:
         QFETCH(int, code);
         QFETCH(QStringList, deleted);
         QFETCH(QStringList, left);
-        QVERIFY(makeEntries(QStringLiteral("."), entries));
+        QVERIFY(makeEntries("."_s, entries));
         QStringList deletedFiles = names("stale entries");
         QStringList failedFiles = deletedFiles;
         if (code == 2) { // as the user "nobody", who owns only b.log
@@ -589,7 +580,7 @@ private slots:
         QCOMPARE(result, code);
         QCOMPARE(deletedFiles, deleted);
         QCOMPARE(failedFiles, code == 2 ? names("a.log c.log") : QStringList());
-        QCOMPARE(snapshot(QStringLiteral(".")).keys(), left);
+        QCOMPARE(snapshot("."_s).keys(), left);
     }
 
     void deleteDirGeneric_data()
@@ -640,22 +631,21 @@ private slots:
         QFETCH(bool, result);
         QFETCH(QStringList, left);
         QFETCH(QStringList, gone);
-        QVERIFY(makeEntries(QStringLiteral("root"), entries));
-        QVERIFY(QFile::setPermissions(QStringLiteral("root/f1"), {})); // no bits at all
+        QVERIFY(makeEntries("root"_s, entries));
+        QVERIFY(QFile::setPermissions("root/f1"_s, {})); // no bits at all
         // Links inside the tree go as links; a hard-linked file keeps its mode.
-        QVERIFY(makeEntries(QStringLiteral("."), names("outside/o outside/dir/p outside/hard")));
+        QVERIFY(makeEntries("."_s, names("outside/o outside/dir/p outside/hard")));
         const auto restore = qScopeGuard([] { ::chmod("outside/dir", 0700); });
         QCOMPARE(::chmod("outside/dir", 0500) | ::chmod("outside/o", 0404)
                          | ::chmod("outside/hard", 0440) | ::link("outside/hard", "root/hard"),
                  0);
-        const auto outside = snapshot(QStringLiteral("outside"));
+        const auto outside = snapshot("outside"_s);
 
-        QCOMPARE(TFileSystemHelper::DeleteDirGeneric(QStringLiteral("root"), ignoreErrors,
-                                                     deleteRootDir),
+        QCOMPARE(TFileSystemHelper::DeleteDirGeneric("root"_s, ignoreErrors, deleteRootDir),
                  result);
-        QCOMPARE(snapshot(QStringLiteral("outside")), outside);
-        QCOMPARE(exists(QStringLiteral("root")), !deleteRootDir || !left.isEmpty());
-        const auto after = snapshot(QStringLiteral("root"));
+        QCOMPARE(snapshot("outside"_s), outside);
+        QCOMPARE(exists("root"_s), !deleteRootDir || !left.isEmpty());
+        const auto after = snapshot("root"_s);
         for (const QString &entry : left)
             QVERIFY2(after.contains(entry), qPrintable(entry));
         for (const QString &entry : gone)
@@ -666,13 +656,13 @@ private slots:
     // the top names its target, which is emptied; the link stays.
     void deleteDirGenericWithoutATree()
     {
-        QVERIFY(makeEntries(QStringLiteral("."), names("file dir/f top->dir")));
-        const auto before = snapshot(QStringLiteral("."));
+        QVERIFY(makeEntries("."_s, names("file dir/f top->dir")));
+        const auto before = snapshot("."_s);
         for (const char *path : { "missing", "file" })
             QVERIFY(TFileSystemHelper::DeleteDirGeneric(QLatin1String(path), false, true));
-        QCOMPARE(snapshot(QStringLiteral(".")), before);
-        QVERIFY(!TFileSystemHelper::DeleteDirGeneric(QStringLiteral("top"), false, true));
-        QCOMPARE(snapshot(QStringLiteral(".")).keys(), names("dir file top"));
+        QCOMPARE(snapshot("."_s), before);
+        QVERIFY(!TFileSystemHelper::DeleteDirGeneric("top"_s, false, true));
+        QCOMPARE(snapshot("."_s).keys(), names("dir file top"));
     }
 
     void archiveRoundTrips_data()
@@ -692,24 +682,23 @@ private slots:
         QFETCH(QByteArray, pack);
         const QStringList files = names(
                 "log|conf|a b*|--checkpoint=1|--checkpoint-action=exec=touch pwned|-v", '|');
-        QVERIFY(writeFile(QStringLiteral("base/log"), randomBytes(70000)));
-        QVERIFY(makeEntries(QStringLiteral("base"),
-                            names("conf/a.ini|conf/deep/b * ?.ini", '|') + files.mid(2)));
-        QVERIFY(QDir().mkdir(QStringLiteral("-out")));
+        QVERIFY(writeFile("base/log"_s, randomBytes(70000)));
+        QVERIFY(makeEntries("base"_s, names("conf/a.ini|conf/deep/b * ?.ini", '|') + files.mid(2)));
+        QVERIFY(QDir().mkdir("-out"_s));
         if (pack == "tar") {
             QCOMPARE(run(names("tar -czf ./- -C base .")), 0);
             QVERIFY(callTar("unzip - -out"));
         } else {
             const bool inBase = pack.count(' ') == 1; // Zip(archive, files)
-            QVERIFY(QDir::setCurrent(inBase ? QStringLiteral("base") : m_dir->path()));
+            QVERIFY(QDir::setCurrent(inBase ? "base"_s : m_dir->path()));
             QVERIFY(callTar(pack.constData(), files));
             QVERIFY(QDir::setCurrent(m_dir->path()));
-            const QString archive = QStringLiteral("./")
-                    + QFileInfo(QString::fromUtf8(pack.split(' ')[1])).fileName();
+            const QString archive
+                    = "./"_s + QFileInfo(QString::fromUtf8(pack.split(' ')[1])).fileName();
             // Entries relative to the base, only the names tar would take for
             // options with "./"; the names with a space and a '*' as they stand.
             QByteArray listing;
-            QCOMPARE(run({ QStringLiteral("tar"), QStringLiteral("-tzf"), archive }, &listing), 0);
+            QCOMPARE(run({ "tar"_s, "-tzf"_s, archive }, &listing), 0);
             QStringList members = names(listing.constData(), '\n');
             members.sort();
             QCOMPARE(
@@ -720,7 +709,7 @@ private slots:
             QCOMPARE(run(names("tar -xzf") << archive << names("-C -out")), 0);
         }
         QCOMPARE(run(names("diff -r base ./-out")), 0);
-        QVERIFY(!exists(QStringLiteral("pwned")) && !exists(QStringLiteral("base/pwned")));
+        QVERIFY(!exists("pwned"_s) && !exists("base/pwned"_s));
     }
 
     void archiveResults()
@@ -728,18 +717,17 @@ private slots:
         // tar ending with an error still gives true; tar not found gives false.
         QVERIFY(callTar("unzip missing.tgz out"));
         QVERIFY(callTar("zip empty.tgz base"));
-        QVERIFY(QDir().mkdir(QStringLiteral("emptybin")));
+        QVERIFY(QDir().mkdir("emptybin"_s));
         QVERIFY(!callTar("zip a.tgz", names("log"), "emptybin"));
         QVERIFY(!callTar("unzip a.tgz out", {}, "emptybin"));
         // tar still running after 30 seconds (the test waits them out) is killed.
-        QVERIFY(writeFile(
-                QStringLiteral("fakebin/tar"),
-                "#!/bin/sh\necho $$ > pid\nexec "
-                        + QFile::encodeName(QStandardPaths::findExecutable(QStringLiteral("sleep")))
-                        + " 120\n"));
+        QVERIFY(writeFile("fakebin/tar"_s,
+                          "#!/bin/sh\necho $$ > pid\nexec "
+                                  + QFile::encodeName(QStandardPaths::findExecutable("sleep"_s))
+                                  + " 120\n"));
         QCOMPARE(::chmod("fakebin/tar", 0700), 0);
         QVERIFY(!callTar("unzip a.tgz out", {}, "fakebin"));
-        const pid_t pid = readFile(QStringLiteral("pid")).trimmed().toInt();
+        const pid_t pid = readFile("pid"_s).trimmed().toInt();
         QVERIFY(pid > 0 && ::kill(pid, 0) == -1 && errno == ESRCH);
     }
 };

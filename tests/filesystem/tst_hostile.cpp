@@ -27,9 +27,7 @@ constexpr uid_t Nobody = 65534;
 // Hands the tree under path to the ordinary user the attacker runs as.
 bool giveToNobody(const QString &path)
 {
-    return run({ QStringLiteral("chown"), QStringLiteral("-R"), QStringLiteral("%1:%1").arg(Nobody),
-                 path })
-            == 0;
+    return run({ "chown"_s, "-R"_s, "%1:%1"_s.arg(Nobody), path }) == 0;
 }
 
 // The state in which a copy task's first pass over source ends, items depth
@@ -38,7 +36,7 @@ bool giveToNobody(const QString &path)
 // read as state 4.
 int copyTaskState(const QString &source, const QString &destination, int depth)
 {
-    const QString after = source + QStringLiteral(".after");
+    const QString after = source + ".after"_s;
     if (!writeFile(after, "after"))
         return -1;
     TFileCopyTask task;
@@ -55,8 +53,8 @@ int copyTaskState(const QString &source, const QString &destination, int depth)
 // The words that run a command as the ordinary user nobody.
 QStringList asUserNobody()
 {
-    return { QStringLiteral("setpriv"), QStringLiteral("--reuid=%1").arg(Nobody),
-             QStringLiteral("--regid=%1").arg(Nobody), QStringLiteral("--clear-groups") };
+    return { "setpriv"_s, "--reuid=%1"_s.arg(Nobody), "--regid=%1"_s.arg(Nobody),
+             "--clear-groups"_s };
 }
 
 // The attacker process (hostile_attacker, next to this program), as root or
@@ -66,8 +64,8 @@ class Attacker
 public:
     Attacker(bool asNobody, const QStringList &arguments)
     {
-        QStringList command = programCommand(QCoreApplication::applicationDirPath()
-                                             + QStringLiteral("/hostile_attacker"))
+        QStringList command
+                = programCommand(QCoreApplication::applicationDirPath() + "/hostile_attacker"_s)
                 + arguments;
         if (asNobody)
             command = asUserNobody() + command;
@@ -82,7 +80,7 @@ public:
     // Whether it said it is in place.
     bool waitUntilReady()
     {
-        const HangWatch watch(QStringLiteral("the attacker to be in place"));
+        const HangWatch watch("the attacker to be in place"_s);
         while (!m_process.canReadLine()) {
             if (!m_process.waitForReadyRead(-1))
                 return false;
@@ -108,9 +106,9 @@ class tst_Hostile : public QObject
     static QString whyNoOtherUser()
     {
         if (::geteuid() != 0)
-            return QStringLiteral("an attacker of another user needs root to start it");
-        if (QStandardPaths::findExecutable(QStringLiteral("setpriv")).isEmpty())
-            return QStringLiteral("setpriv, to start an attacker of another user, is missing");
+            return "an attacker of another user needs root to start it"_s;
+        if (QStandardPaths::findExecutable("setpriv"_s).isEmpty())
+            return "setpriv, to start an attacker of another user, is missing"_s;
         return QString();
     }
 
@@ -141,26 +139,20 @@ private slots:
         QFETCH(bool, otherUser);
         if (otherUser && !whyNoOtherUser().isEmpty())
             QSKIP(qPrintable(whyNoOtherUser()));
-        const QString outside = path(QStringLiteral("outside"));
-        QVERIFY(QDir().mkdir(outside));
+        const QString outside = path("outside"_s);
         // Names the tree has too: a walk that removes by path through a link
         // would find them.
-        for (int f = 0; f < 4; ++f)
-            QVERIFY(writeFile(outside + QStringLiteral("/f%1").arg(f), "keep"));
+        QVERIFY(makeEntries(outside, names("f0 f1 f2 f3")));
         const auto untouched = snapshot(outside);
 
         for (int round = 0; round < 20; ++round) {
-            const QString tree = path(QStringLiteral("tree"));
-            for (int d = 0; d < 50; ++d) {
-                const QString dir = tree + QStringLiteral("/d%1").arg(d);
-                QVERIFY(QDir().mkpath(dir));
-                for (int f = 0; f < 4; ++f)
-                    QVERIFY(writeFile(dir + QStringLiteral("/f%1").arg(f), "tree"));
-            }
+            const QString tree = path("tree"_s);
+            for (int d = 0; d < 50; ++d)
+                QVERIFY(makeEntries(tree + "/d%1"_s.arg(d), names("f0 f1 f2 f3")));
             if (otherUser)
                 QVERIFY(giveToNobody(tree));
             {
-                Attacker attacker(otherUser, { QStringLiteral("swap-dirs"), tree, outside });
+                Attacker attacker(otherUser, { "swap-dirs"_s, tree, outside });
                 QVERIFY(attacker.waitUntilReady());
                 TFileSystemHelper::DeleteDirGeneric(tree, true, false);
             }
@@ -177,22 +169,22 @@ private slots:
         QFETCH(bool, otherUser);
         if (otherUser && !whyNoOtherUser().isEmpty())
             QSKIP(qPrintable(whyNoOtherUser()));
-        const QString target = path(QStringLiteral("keep/precious"));
+        const QString target = path("keep/precious"_s);
         QVERIFY(writeFile(target, "precious"));
-        const auto untouched = snapshot(path(QStringLiteral("keep")));
-        const QString source = path(QStringLiteral("source"));
+        const auto untouched = snapshot(path("keep"_s));
+        const QString source = path("source"_s);
         QVERIFY(writeFile(source, QByteArray(10000, 's')));
-        const QString drop = path(QStringLiteral("drop"));
+        const QString drop = path("drop"_s);
         QVERIFY(QDir().mkdir(drop));
         if (otherUser)
             QVERIFY(giveToNobody(drop));
-        const QString destination = drop + QStringLiteral("/copy.bin");
+        const QString destination = drop + "/copy.bin"_s;
 
-        Attacker attacker(otherUser, { QStringLiteral("plant-link"), destination, target });
+        Attacker attacker(otherUser, { "plant-link"_s, destination, target });
         QVERIFY(attacker.waitUntilReady());
         for (int i = 0; i < 2000; ++i)
             TFileSystemHelper::FileCopy(source, destination, false);
-        QCOMPARE(snapshot(path(QStringLiteral("keep"))), untouched);
+        QCOMPARE(snapshot(path("keep"_s)), untouched);
     }
 
     // A name is bytes: one in no valid encoding is copied like any other.
@@ -200,9 +192,9 @@ private slots:
     // failure, at whatever depth it meets it.
     void namesInNoEncoding()
     {
-        const QByteArray source = QFile::encodeName(path(QStringLiteral("source")));
+        const QByteArray source = QFile::encodeName(path("source"_s));
         const QByteArray odd = "caf\xe9";
-        QVERIFY(QDir().mkpath(path(QStringLiteral("source"))));
+        QVERIFY(QDir().mkpath(path("source"_s)));
         QCOMPARE(::mkdir(source + '/' + odd, 0755), 0);
         for (const QByteArray &name : { odd + "/" + odd + ".txt", odd + ".txt" }) {
             QFile file(QFile::decodeName(source + '/' + name));
@@ -210,19 +202,15 @@ private slots:
             QVERIFY(fd >= 0 && file.open(fd, QIODevice::WriteOnly, QFileDevice::AutoCloseHandle));
             QCOMPARE(file.write(name), qint64(name.size()));
         }
-        QVERIFY(TFileSystemHelper::CopyDir(path(QStringLiteral("source")),
-                                           path(QStringLiteral("copy"))));
-        QCOMPARE(run({ QStringLiteral("diff"), QStringLiteral("-r"), path(QStringLiteral("source")),
-                       path(QStringLiteral("copy")) }),
-                 0);
-        QVERIFY(TFileSystemHelper::DeleteDirGeneric(path(QStringLiteral("copy")), false, true));
-        QVERIFY(!QFileInfo::exists(path(QStringLiteral("copy"))));
+        QVERIFY(TFileSystemHelper::CopyDir(path("source"_s), path("copy"_s)));
+        QCOMPARE(run({ "diff"_s, "-r"_s, path("source"_s), path("copy"_s) }), 0);
+        QVERIFY(TFileSystemHelper::DeleteDirGeneric(path("copy"_s), false, true));
+        QVERIFY(!QFileInfo::exists(path("copy"_s)));
         for (const int depth : { 0, 1, 2 })
-            QCOMPARE(copyTaskState(path(QStringLiteral("source")), path(QStringLiteral("task")),
-                                   depth),
+            QCOMPARE(copyTaskState(path("source"_s), path("task"_s), depth),
                      int(TFileCopyTask::StateCopyFailed));
         // QTemporaryDir names what it removes by text: it would leave these.
-        QVERIFY(TFileSystemHelper::DeleteDirGeneric(path(QStringLiteral("source")), false, true));
+        QVERIFY(TFileSystemHelper::DeleteDirGeneric(path("source"_s), false, true));
     }
 
     // Deeper than PATH_MAX and than the descriptors a process may hold: the
@@ -240,19 +228,17 @@ private slots:
             QVERIFY(file >= 0 && ::write(file, "x", 1) == 1 && ::close(file) == 0);
         }
         ::close(fd);
-        QVERIFY(TFileSystemHelper::CopyDir(path(QStringLiteral("deep")),
-                                           path(QStringLiteral("copy"))));
+        QVERIFY(TFileSystemHelper::CopyDir(path("deep"_s), path("copy"_s)));
         // diff -r stops at PATH_MAX; find walks as deep as the tree goes.
         const auto listing = [this](const char *tree) {
             QByteArray lines;
-            run({ QStringLiteral("sh"), QStringLiteral("-c"),
-                  QStringLiteral("cd \"$0\" && find . -printf '%p %y %s\\n' | sort"),
+            run({ "sh"_s, "-c"_s, "cd \"$0\" && find . -printf '%p %y %s\\n' | sort"_s,
                   path(QLatin1String(tree)) },
                 &lines);
             return lines;
         };
         QCOMPARE(listing("copy"), listing("deep"));
-        for (const QString &tree : { QStringLiteral("deep"), QStringLiteral("copy") }) {
+        for (const QString &tree : { "deep"_s, "copy"_s }) {
             QVERIFY(TFileSystemHelper::DeleteDirGeneric(path(tree), false, true));
             QVERIFY(!QFileInfo::exists(path(tree)));
         }
@@ -265,32 +251,29 @@ private slots:
         if (::geteuid() == 0) {
             if (!whyNoOtherUser().isEmpty())
                 QSKIP(qPrintable(whyNoOtherUser()));
-            QStringList command
-                    = asUserNobody() + programCommand(QCoreApplication::applicationFilePath())
-                    << QString::fromLatin1(QTest::currentTestFunction());
-            QProcess child;
-            child.start(command.takeFirst(), command);
-            const HangWatch watch(QStringLiteral("this test run as nobody"));
-            QVERIFY(child.waitForFinished(-1));
-            QVERIFY2(child.exitCode() == 0, child.readAll().constData());
+            QByteArray output;
+            QVERIFY2(run(asUserNobody() + programCommand(QCoreApplication::applicationFilePath())
+                                 << QString::fromLatin1(QTest::currentTestFunction()),
+                         &output)
+                             == 0,
+                     output.constData());
             return;
         }
         QTemporaryDir own; // nobody cannot write in the root's temporary directory
         QVERIFY(own.isValid());
-        const QString source = own.filePath(QStringLiteral("source"));
-        QVERIFY(QDir().mkpath(source + QStringLiteral("/locked")));
-        QVERIFY(writeFile(source + QStringLiteral("/locked/inside.txt"), "inside"));
-        QVERIFY(QFile::setPermissions(source + QStringLiteral("/locked"), QFile::ExeOwner));
+        const QString source = own.filePath("source"_s);
+        QVERIFY(writeFile(source + "/locked/inside.txt"_s, "inside"));
+        QVERIFY(QFile::setPermissions(source + "/locked"_s, QFile::ExeOwner));
         const auto unlock = qScopeGuard([&] {
-            QFile::setPermissions(source + QStringLiteral("/locked"),
+            QFile::setPermissions(source + "/locked"_s,
                                   QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         });
-        QVERIFY(!TFileSystemHelper::CopyDir(source, own.filePath(QStringLiteral("copy"))));
+        QVERIFY(!TFileSystemHelper::CopyDir(source, own.filePath("copy"_s)));
         for (const int depth : { 0, 1 })
-            QCOMPARE(copyTaskState(source, own.filePath(QStringLiteral("task")), depth),
+            QCOMPARE(copyTaskState(source, own.filePath("task"_s), depth),
                      int(TFileCopyTask::StateCopyFailed));
         QVERIFY(!TFileSystemHelper::DeleteDirGeneric(source, false, true));
-        QVERIFY(QFileInfo::exists(source + QStringLiteral("/locked")));
+        QVERIFY(QFileInfo::exists(source + "/locked"_s));
     }
 
     // An archive from an untrusted medium writes nothing outside the
@@ -301,7 +284,7 @@ private slots:
     void unzipStaysInside_data()
     {
         QTest::addColumn<QString>("make");
-        const QString stage = QStringLiteral("mkdir -p stage && cd stage && ");
+        const QString stage = "mkdir -p stage && cd stage && "_s;
         QTest::newRow("absolute member")
                 << QStringLiteral("tar -czPf last.tgz \"$PWD/outside/file\"");
         QTest::newRow("'..' member")
@@ -320,25 +303,22 @@ private slots:
     void unzipStaysInside()
     {
         QFETCH(QString, make);
-        const QString outside = path(QStringLiteral("outside"));
+        const QString outside = path("outside"_s);
         QVERIFY(QDir().mkdir(outside));
-        QVERIFY(writeFile(outside + QStringLiteral("/file"), "outside"));
+        QVERIFY(writeFile(outside + "/file"_s, "outside"));
         QByteArray output;
-        QVERIFY2(run({ QStringLiteral("sh"), QStringLiteral("-c"),
-                       QStringLiteral("cd \"$0\" && ") + make, m_dir->path() },
-                     &output)
-                         == 0,
+        QVERIFY2(run({ "sh"_s, "-c"_s, "cd \"$0\" && "_s + make, m_dir->path() }, &output) == 0,
                  output.constData());
         // The shell's own staging tree may hold links out; only the archives count.
-        QVERIFY(QDir(path(QStringLiteral("stage"))).removeRecursively());
+        QVERIFY(QDir(path("stage"_s)).removeRecursively());
         const auto untouched = snapshot(outside);
 
-        const QString dest = path(QStringLiteral("dest"));
+        const QString dest = path("dest"_s);
         QVERIFY(QDir().mkdir(dest));
-        if (QFileInfo::exists(path(QStringLiteral("first.tgz"))))
-            QVERIFY(TFileSystemHelper::Unzip(path(QStringLiteral("first.tgz")), dest));
+        if (QFileInfo::exists(path("first.tgz"_s)))
+            QVERIFY(TFileSystemHelper::Unzip(path("first.tgz"_s), dest));
         const auto before = snapshot(dest);
-        QVERIFY(!TFileSystemHelper::Unzip(path(QStringLiteral("last.tgz")), dest));
+        QVERIFY(!TFileSystemHelper::Unzip(path("last.tgz"_s), dest));
         QCOMPARE(snapshot(dest), before);
         QCOMPARE(snapshot(outside), untouched);
     }
@@ -374,8 +354,8 @@ private slots:
             qstrcpy(address.sun_path, name.constData());
             QCOMPARE(::bind(socketFd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         }
-        const QString copy = path(QStringLiteral("copy"));
-        const HangWatch watch(QStringLiteral("the copy and the digest of %1").arg(kind));
+        const QString copy = path("copy"_s);
+        const HangWatch watch("the copy and the digest of %1"_s.arg(kind));
         QVERIFY(!TFileSystemHelper::FileCopy(special, copy, true));
         QVERIFY(!QFileInfo::exists(copy));
         QCOMPARE(TFileHash::CalculateFileMD5(special).toHex(),
