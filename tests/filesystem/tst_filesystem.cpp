@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <thread>
 
@@ -269,23 +270,33 @@ private slots:
         QTest::addColumn<QString>("source");
         QTest::addColumn<QString>("destination");
         QTest::addColumn<QString>("removed");
+        QTest::addColumn<QString>("error"); // the errno name the copy tells
         // In the layout refused() makes, to-a links to a, hard is a hard link
         // to a and dir-link links to the directory itself.
         const QString none;
-        QTest::newRow("same path") << "a" << QStringLiteral("a") << none;
+        const QString same = QStringLiteral("EINVAL");
+        QTest::newRow("same path") << "a" << QStringLiteral("a") << none << same;
         QTest::newRow("same path, upper-case extension")
-                << "P.JPG" << QStringLiteral("P.JPG") << none;
-        QTest::newRow("destination links to the source") << "a" << QStringLiteral("to-a") << none;
-        QTest::newRow("source links to the destination") << "to-a" << QStringLiteral("a") << none;
-        QTest::newRow("hard link") << "a" << QStringLiteral("hard") << none;
-        QTest::newRow("through a linked directory") << "a" << QStringLiteral("dir-link/a") << none;
-        QTest::newRow("lower-cased extension") << "P.jpg" << QStringLiteral("P.JPG") << none;
+                << "P.JPG" << QStringLiteral("P.JPG") << none << same;
+        QTest::newRow("destination links to the source")
+                << "a" << QStringLiteral("to-a") << none << same;
+        QTest::newRow("source links to the destination")
+                << "to-a" << QStringLiteral("a") << none << same;
+        QTest::newRow("hard link") << "a" << QStringLiteral("hard") << none << same;
+        QTest::newRow("through a linked directory")
+                << "a" << QStringLiteral("dir-link/a") << none << same;
+        QTest::newRow("lower-cased extension")
+                << "P.jpg" << QStringLiteral("P.JPG") << none << same;
         QTest::newRow("missing destination directory")
-                << "a" << QStringLiteral("no/dir/copy") << none;
-        QTest::newRow("destination is a directory") << "a" << QStringLiteral("out") << none;
+                << "a" << QStringLiteral("no/dir/copy") << none << QStringLiteral("ENOENT");
+        QTest::newRow("destination is a directory")
+                << "a" << QStringLiteral("out") << none << QStringLiteral("EISDIR");
+        QTest::newRow("source is a directory")
+                << "out" << QStringLiteral("copy") << none << QStringLiteral("EISDIR");
         // The old copy goes under both names even when the source is missing.
         QTest::newRow("missing source")
-                << "missing" << QStringLiteral("P.JPG") << QStringLiteral("P.JPG P.jpg");
+                << "missing" << QStringLiteral("P.JPG") << QStringLiteral("P.JPG P.jpg")
+                << QStringLiteral("ENOENT");
     }
 
     void refused()
@@ -293,13 +304,16 @@ private slots:
         QFETCH(QString, source);
         QFETCH(QString, destination);
         QFETCH(QString, removed);
+        QFETCH(QString, error);
         QVERIFY(makeEntries("."_s, names("a P.jpg P.JPG to-a->a dir-link->. out/keep")));
         QCOMPARE(::link("a", "hard"), 0);
         auto expected = snapshot("."_s);
         for (const QString &entry : removed.split(u' '))
             expected.remove(entry);
 
-        QVERIFY(!TFileSystemHelper::FileCopy(source, destination, true));
+        int cause = 0;
+        QVERIFY(!TFileSystemHelper::FileCopy(source, destination, true, &cause));
+        QCOMPARE(QString::fromLatin1(::strerrorname_np(cause)), error);
         QCOMPARE(snapshot("."_s), expected);
     }
 
@@ -413,30 +427,31 @@ private slots:
         QTest::addColumn<QString>("destination");
         QTest::addColumn<bool>("result");
         QTest::addColumn<QString>("copied"); // what the destination holds after
+        QTest::addColumn<QString>("leftOut"); // what the copy says it left out
         // Overlapping trees are refused before anything is written.
         const QString none;
-        QTest::newRow("the source itself") << none << "src" << false << none;
-        QTest::newRow("inside the source") << none << "src/a/new" << false << none;
-        QTest::newRow("inside, through a link") << none << "to-src/new" << false << none;
+        QTest::newRow("the source itself") << none << "src" << false << none << none;
+        QTest::newRow("inside the source") << none << "src/a/new" << false << none << none;
+        QTest::newRow("inside, through a link") << none << "to-src/new" << false << none << none;
         // The kernel resolves "to-a/.." to src; a lexical reading would not.
-        QTest::newRow("through a link and '..'") << none << "to-a/../new" << false << none;
+        QTest::newRow("through a link and '..'") << none << "to-a/../new" << false << none << none;
         // A linked directory that would be copied into itself is not entered
         // and counts as a failed subdirectory: its parent's files stay behind.
         const QString dest = "dest"_s;
         const QString withoutA = "a a/inner a/inner/g b b/h old"_s;
-        QTest::newRow("link to an ancestor") << "src/a/up->.." << dest << false << withoutA;
+        QTest::newRow("link to an ancestor") << "src/a/up->.." << dest << false << withoutA << none;
         QTest::newRow("link to the destination")
-                << "src/a/o->../../dest" << dest << false << withoutA;
+                << "src/a/o->../../dest" << dest << false << withoutA << none;
         // dest/a leads to src/b: copying src/a there would overwrite src/b.
         QTest::newRow("destination link into the source")
-                << "dest/a->../src/b" << dest << false << QStringLiteral("a b b/h old");
+                << "dest/a->../src/b" << dest << false << QStringLiteral("a b b/h old") << none;
         // A file copy cannot replace a directory with contents.
         QTest::newRow("failing file")
                 << "dest/a/f/blocker" << dest << false
-                << QStringLiteral("a a/f a/f/blocker a/g a/inner a/inner/g b b/h old");
+                << QStringLiteral("a a/f a/f/blocker a/g a/inner a/inner/g b b/h old") << none;
         QTest::newRow("merged into the destination")
                 << "dest/top" << dest << true
-                << QStringLiteral("a a/f a/g a/inner a/inner/g b b/h old top");
+                << QStringLiteral("a a/f a/g a/inner a/inner/g b b/h old top") << none;
         // Names with a dot in front stay behind; links are copied as what
         // they lead to, but for a broken one; missing parents are made.
         QTest::newRow("new destination, links and hidden names")
@@ -444,7 +459,8 @@ private slots:
                    "src/linked-dir->../ext ext/e.txt"
                 << "new/parents/dest" << true
                 << QStringLiteral("a a/f a/g a/inner a/inner/g b b/h empty linked-dir "
-                                  "linked-dir/e.txt to-top top");
+                                  "linked-dir/e.txt to-top top")
+                << QStringLiteral("src/.hidden src/.hiddendir src/broken");
     }
 
     void copyDir()
@@ -453,6 +469,7 @@ private slots:
         QFETCH(QString, destination);
         QFETCH(bool, result);
         QFETCH(QString, copied);
+        QFETCH(QString, leftOut);
         entries += QStringLiteral(
                 " src/top src/a/f src/a/g src/a/inner/g src/b/h dest/old to-src->src "
                 "to-a->src/a");
@@ -461,7 +478,9 @@ private slots:
         const auto before = snapshot("."_s);
         const qint64 beforeStamp = stampNow();
 
-        QCOMPARE(TFileSystemHelper::CopyDir("src"_s, destination), result);
+        QStringList leftOutSeen;
+        QCOMPARE(TFileSystemHelper::CopyDir("src"_s, destination, &leftOutSeen), result);
+        QCOMPARE(leftOutSeen.join(u' '), leftOut);
         QCOMPARE(snapshot("src"_s), sourceBefore);
         if (copied.isEmpty()) { // refused
             QCOMPARE(snapshot("."_s), before);
