@@ -79,17 +79,14 @@ public:
         std::vector<QByteArray> names;
         std::vector<std::pair<QString, LeftOutReason>> leftOutNames;
         for (const DirectoryEntry &entry : entries) {
-            const bool hidden = isHiddenName(entry.name);
-            const EntryType type = hidden || entry.type != EntryType::Link
-                    ? entry.type
-                    : directory.targetTypeOf(entry.name);
-            if (!hidden && (type == EntryType::Directory || type == EntryType::File))
+            const Listed listed = directory.listedAs(entry);
+            if (listed == Listed::Directory || listed == Listed::File)
                 names.push_back(entry.name);
-            else if (leftOut
-                     && (hidden || type != EntryType::Gone || entry.type == EntryType::Link))
+            else if (listed == Listed::LeftOut && leftOut)
                 leftOutNames.emplace_back(QFile::decodeName(entry.name),
-                                          hidden ? TFileCopyNotifier::HiddenName
-                                                 : ReasonFor(directory, entry.name));
+                                          isHiddenName(entry.name)
+                                                  ? TFileCopyNotifier::HiddenName
+                                                  : ReasonFor(directory, entry.name));
         }
         sortIgnoringCase(names);
         std::sort(leftOutNames.begin(), leftOutNames.end(), [](const auto &a, const auto &b) {

@@ -163,3 +163,19 @@ EntryType Directory::targetTypeOf(const QByteArray &name) const
         return EntryType::Gone;
     return ::typeOf(status);
 }
+
+Listed Directory::listedAs(const DirectoryEntry &entry) const
+{
+    if (isHiddenName(entry.name))
+        return Listed::LeftOut;
+    switch (entry.type == EntryType::Link ? targetTypeOf(entry.name) : entry.type) {
+    case EntryType::Directory:
+        return Listed::Directory;
+    case EntryType::File:
+        return Listed::File;
+    case EntryType::Gone: // a link to nothing, or a name removed meanwhile
+        return entry.type == EntryType::Link ? Listed::LeftOut : Listed::Gone;
+    default:
+        return Listed::LeftOut;
+    }
+}

@@ -32,6 +32,13 @@ inline bool isHiddenName(const QByteArray &name)
     return name.startsWith('.');
 }
 
+// What a walk by the rules of a Qt directory listing (QDir::Dirs |
+// QDir::Files, neither hidden nor system entries) makes of an entry: a
+// directory or a file, a link counting as what it leads to; one it leaves
+// out (a hidden name, a special file, a link to nothing or to a special
+// file); or one that vanished meanwhile.
+enum class Listed { Directory, File, LeftOut, Gone };
+
 // Sorts names ignoring case, as QDir::Name | QDir::IgnoreCase sorts; names
 // equal but for case in byte order, so that the order is always the same.
 void sortIgnoringCase(std::vector<QByteArray> &names);
@@ -85,6 +92,9 @@ public:
     // The type of what name leads to, following links: never Link; Gone for
     // a link to nothing.
     EntryType targetTypeOf(const QByteArray &name) const;
+
+    // How a listing by Qt's rules takes entry, one of this directory's.
+    Listed listedAs(const DirectoryEntry &entry) const;
 
 private:
     explicit Directory(int fd);

@@ -31,12 +31,9 @@ int FilterDelete::run(const QString &nameFilter, const QString &dirPath, QString
         directory.list(entries);
     std::vector<QByteArray> names;
     for (const DirectoryEntry &entry : entries) {
-        if (isHiddenName(entry.name) || !filter.match(QFile::decodeName(entry.name)).hasMatch())
-            continue;
         // Files, and links to files; the link is what goes.
-        if (entry.type == EntryType::File
-            || (entry.type == EntryType::Link
-                && directory.targetTypeOf(entry.name) == EntryType::File))
+        if (filter.match(QFile::decodeName(entry.name)).hasMatch()
+            && directory.listedAs(entry) == Listed::File)
             names.push_back(entry.name);
     }
     if (names.empty())

@@ -31,17 +31,20 @@ Listing list(const Directory &directory, bool withLeftOut)
     std::vector<DirectoryEntry> entries;
     listing.complete = directory.list(entries);
     for (const DirectoryEntry &entry : entries) {
-        const bool hidden = isHiddenName(entry.name);
-        const EntryType type = hidden || entry.type != EntryType::Link
-                ? entry.type
-                : directory.targetTypeOf(entry.name);
-        if (!hidden && type == EntryType::Directory)
+        switch (directory.listedAs(entry)) {
+        case Listed::Directory:
             listing.directories.push_back(entry.name);
-        else if (!hidden && type == EntryType::File)
+            break;
+        case Listed::File:
             listing.files.push_back(entry.name);
-        else if (withLeftOut
-                 && (hidden || type != EntryType::Gone || entry.type == EntryType::Link))
-            listing.leftOut.push_back(entry.name); // not one that vanished meanwhile
+            break;
+        case Listed::LeftOut:
+            if (withLeftOut)
+                listing.leftOut.push_back(entry.name);
+            break;
+        case Listed::Gone:
+            break;
+        }
     }
     sortIgnoringCase(listing.directories);
     sortIgnoringCase(listing.files);
