@@ -170,8 +170,11 @@ bool FileCopier::copy(const QByteArray &sourcePath, const QByteArray &destPath,
     };
     FileDescriptor destDir(openDirectory());
     if (!destDir.isOpen() && errno == ENOENT && missing == MissingDirectory::Create) {
-        QDir().mkpath(QFile::decodeName(destDirPath));
+        const bool made = QDir().mkpath(QFile::decodeName(destDirPath));
+        const int whyNot = errno;
         destDir.reset(openDirectory());
+        if (!destDir.isOpen() && !made)
+            errno = whyNot; // the cause is what kept the directory from being made
     }
     if (!destDir.isOpen())
         return false;
