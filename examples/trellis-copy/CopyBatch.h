@@ -5,71 +5,60 @@
 #include <QHash>
 #include <QList>
 #include <QString>
-#include <QStringList>
 
 /*!
-    The work items of the sources that share one parent directory: what one
-    TFileCopyTask::CopyFiles() call copies, and the paths that go with them.
+    What one TFileCopyTask::CopyFiles() call copies: work items, each copied
+    as a source of its own (depth 0), the prefixes that place them, and
+    every entry that the items hold, as the task's plan gives them.
 
-    Every item's destination is its absolute path with the parent directory
-    replaced by a destination prefix, so that each source lands under the
-    prefix with its own name. Items are kept in the order they are copied.
+    Items and entries are kept in the order they are copied.
 */
 class CopyBatch
 {
 public:
     /*!
-        Plans the batches for \a sources (absolute, clean paths), one per
-        parent directory in the order of its first source, each source split
-        \a depth levels down (SourceSplitter::Split()).
+        A batch whose items go where \a sourcePrefix (a regular expression,
+        as CopyFiles() takes it) is replaced by \a destinationPrefix.
     */
-    static QList<CopyBatch> Plan(const QStringList &sources, int depth);
+    CopyBatch(const QString &sourcePrefix, const QString &destinationPrefix);
 
-    //! The items, in the order they are copied.
+    //! Appends \a item, which holds \a entries (TFileCopyTask::Entries()).
+    void Append(const QFileInfo &item, const QList<QFileInfo> &entries);
+
+    QString sourcePrefix() const { return m_sourcePrefix; }
+    QString destinationPrefix() const { return m_destinationPrefix; }
     const QList<QFileInfo> &items() const { return m_items; }
-
-    /*!
-        The sources to hand to CopyFiles() with depth 0: \a lastItem first,
-        since the task works its list from the end, then the items in reverse,
-        as objects of their own that share no cached status with items().
-    */
-    QList<QFileInfo> TaskSources(const QFileInfo &lastItem) const;
-
-    /*!
-        The source prefix for CopyFiles(): the parent directory, escaped, as
-        one alternative; \a exactPath, matched whole, as the other, so that
-        this one path maps to the destination prefix itself.
-    */
-    QString SourcePattern(const QString &exactPath) const;
+    const QList<QFileInfo> &entries() const { return m_entries; }
+    //! The batch's size as the task measures it: every entry's size, directories included.
+    qint64 bytes() const { return m_bytes; }
 
     //! The index of \a item in items(), or -1.
     int IndexOf(const QFileInfo &item) const;
+    //! The range of the entries of the item at \a index: [first, end).
+    int FirstEntry(int index) const { return m_itemStarts.at(index); }
+    int EndEntry(int index) const { return m_itemStarts.at(index + 1); }
 
+    //! The sources for CopyFiles(): the items, last first, as fresh objects.
+    QList<QFileInfo> TaskSources() const;
+
+    //! Where \a entry goes: TFileCopyTask::DestinationPath() with this batch's prefixes.
+    QString DestinationPath(const QFileInfo &entry) const;
+    //! The name the copy of \a entry is written under: for a file, with its extension lower-cased.
+    QString WrittenPath(const QFileInfo &entry) const;
     /*!
-        The index of the first item from \a from on that is \a entry or holds
-        it, or -1.
+        The destination of \a item that exists, under its written name or
+        its own, or an empty string when neither exists.
     */
-    int IndexHolding(const QFileInfo &entry, int from) const;
-
-    //! The path of \a entry below the parent directory, as shown to users.
-    QString RelativePath(const QFileInfo &entry) const;
-
-    /*!
-        Where the task copies \a entry under \a prefix, a %1 in which stands
-        for the entry's complete base name.
-    */
-    QString DestinationPath(const QFileInfo &entry, const QString &prefix) const;
-
-    //! Whether \a prefix holds a place marker (a '%' and a digit).
-    static bool HasPlaceMarker(const QString &prefix);
+    QString ExistingDestination(const QFileInfo &item) const;
 
 private:
-    explicit CopyBatch(const QString &parentPath);
-    void Append(const QList<QFileInfo> &items);
-
-    QString m_parentPath; // without a trailing '/', so empty for the root
+    QString m_sourcePrefix;
+    QString m_destinationPrefix;
     QList<QFileInfo> m_items;
+    QList<QFileInfo> m_entries;
+    QList<int> m_itemStarts { 0 };
     QHash<QString, int> m_indexes;
+    qint64 m_bytes = 0;
 };
 
 #endif // TRELLIS_COPY_COPYBATCH_H

@@ -1,32 +1,56 @@
 #include "CopyController.h"
 
-#include <Trellis/TFileSystemHelper.h>
+#include "ConflictJudge.h"
+#include "PlanReport.h"
+
+#include <Trellis/TFileCopyNotifier.h>
 
 #include <QDir>
+#include <QRegExp>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace {
 
-// Compares paths as text: QFileInfo's operator== would ask the file system.
-bool SamePath(const QFileInfo &a, const QFileInfo &b)
+QString Reason(int error)
 {
-    return a.absoluteFilePath() == b.absoluteFilePath();
+    return QString::fromLocal8Bit(std::strerror(error));
+}
+
+// Gives copy the permission bits and the access and modification times of
+// source; 0, or the errno of the step that failed.
+int CopyAttributes(const QString &source, const QString &copy)
+{
+    struct stat status;
+    const QByteArray copyName = QFile::encodeName(copy);
+    if (::stat(QFile::encodeName(source).constData(), &status) != 0)
+        return errno;
+    const struct timespec times[2] = { status.st_atim, status.st_mtim };
+    if (::chmod(copyName.constData(), status.st_mode & 0777) != 0
+        || ::utimensat(AT_FDCWD, copyName.constData(), times, 0) != 0)
+        return errno;
+    return 0;
 }
 
 } // namespace
 
 CopyController::CopyController(const CommandLine &request, QObject *parent)
-    : QObject(parent), m_request(request), m_lastingAction(request.conflictAction()),
-      m_task(request.conflictAction()),
-      // Hidden, so that no listing of a source directory takes it in.
-      m_closingDir(QDir::tempPath() + QStringLiteral("/.trellis-copy-XXXXXX"))
+    : QObject(parent), m_request(request), m_rule(request.conflictRule()),
+      m_continueAfterFailures(!CopyQuestions::CanAsk()), m_progressLine(m_console.isLive())
 {
     connect(&m_task, &TFileCopyTask::Progress, this, &CopyController::OnProgress,
             Qt::QueuedConnection);
     connect(&m_task, &TFileCopyTask::FileCopied, this, &CopyController::OnFileCopied,
             Qt::QueuedConnection);
     connect(&m_task, &TFileCopyTask::State, this, &CopyController::OnState, Qt::QueuedConnection);
-    // A pass queued before an interrupt clears the stop request when it
-    // starts; its first report in the worker thread asks again.
+    connect(m_task.Notifier(), &TFileCopyNotifier::EntryFailed, this,
+            &CopyController::OnEntryFailed, Qt::QueuedConnection);
+    // A pass queued before a stop clears the request when it starts; its
+    // first report in the worker thread asks again.
     TFileCopyTask *task = &m_task;
     const auto stopIfWanted = [this, task] {
         if (m_stopWanted.load())
@@ -38,8 +62,12 @@ CopyController::CopyController(const CommandLine &request, QObject *parent)
             &CopyController::OnConflictAnswered);
     connect(&m_questions, &CopyQuestions::FailureAnswered, this,
             &CopyController::OnFailureAnswered);
+    connect(&m_console, &Console::WriteFailed, this, [this](const QString &stream, int error) {
+        m_console.Error(
+                QStringLiteral("trellis-copy: cannot write to %1: %2").arg(stream, Reason(error)));
+        Stop(1, QStringLiteral("Stopped"));
+    });
     m_thread.MoveToThisThread(&m_task);
-    m_clock.start();
 }
 
 CopyController::~CopyController()
@@ -52,97 +80,115 @@ void CopyController::Start()
 {
     if (m_finished)
         return;
-    if (!QDir().mkpath(m_request.destination())) {
-        m_display.Message(
-                QStringLiteral("trellis-copy: cannot create %1").arg(m_request.destination()));
+    const QString directory = m_request.destinationIsFileName()
+            ? QFileInfo(m_request.destination()).absolutePath()
+            : m_request.destination();
+    if (!m_request.dryRun() && !QDir().mkpath(directory)) {
+        m_console.Error(
+                QStringLiteral("trellis-copy: cannot create the directory %1").arg(directory));
         Finish(1, QStringLiteral("Failed"));
         return;
     }
-    if (!m_closingDir.isValid()) {
-        m_display.Message(QStringLiteral("trellis-copy: cannot create a temporary directory: %1")
-                                  .arg(m_closingDir.errorString()));
-        Finish(1, QStringLiteral("Failed"));
-        return;
-    }
-    m_closingItem = QFileInfo(QDir::cleanPath(QFileInfo(m_closingDir.path()).absoluteFilePath()));
-    m_batches = CopyBatch::Plan(m_request.sources(), m_request.depth());
+    m_planning = true;
     m_thread.start();
+    // The walk runs in the worker thread, so that a signal is seen at once.
+    QMetaObject::invokeMethod(
+            &m_task,
+            [this] {
+                const auto plan = std::make_shared<const CopyPlan>(m_request, m_stopWanted);
+                QMetaObject::invokeMethod(
+                        this, [this, plan] { OnPlanned(plan); }, Qt::QueuedConnection);
+            },
+            Qt::QueuedConnection);
+}
+
+void CopyController::OnPlanned(const std::shared_ptr<const CopyPlan> &plan)
+{
+    m_planning = false;
+    if (m_finished)
+        return;
+    m_plan = plan;
+    m_batches = plan->batches();
+    m_totalBytes = plan->bytes();
+    const PlanReport report(*plan, m_request, m_console);
+    report.ReportLeftOut(m_tally);
+    if (m_request.dryRun()) {
+        report.ListDryRun();
+        m_finished = true;
+        emit Finished(0);
+        return;
+    }
     StartBatch();
 }
 
 void CopyController::StartBatch()
 {
-    m_copied += m_batchCopied;
-    m_skipped += m_batchSkipped;
-    m_batchCopied = m_batchSkipped = m_percent = m_cursor = 0;
-    m_closingItemCopied = false;
+    if (m_batchIndex >= 0)
+        m_bytesBefore += batch().bytes();
     if (++m_batchIndex == m_batches.size()) {
-        Finish(m_failed > 0 ? 1 : 0, QStringLiteral("Done"));
+        Finish(m_tally.failed > 0 ? 1 : 0, QStringLiteral("Done"));
         return;
     }
-    const CopyBatch &current = batch();
-    m_currentEntry = current.RelativePath(current.items().constFirst());
+    m_percent = m_cursor = m_renamesInBatch = 0;
     m_passRunning = true;
     // CopyFiles() only hands the batch over and queues the pass into the
     // task's thread; it may be called from any thread.
-    m_task.CopyFiles(current.TaskSources(m_closingItem),
-                     current.SourcePattern(m_closingItem.absoluteFilePath()),
-                     m_request.destination(), 0);
+    m_task.CopyFiles(batch().TaskSources(), batch().sourcePrefix(), batch().destinationPrefix(), 0);
 }
 
-void CopyController::OnProgress(int percent, int filesCopied, int fileSkipped)
+void CopyController::OnProgress(int percent)
 {
-    Q_UNUSED(filesCopied) // counted by FileCopied(), which leaves out the closing item
     m_percent = percent;
-    // 100 comes only after the closing item, which is skipped unless copied.
-    const bool closingItemSkipped = percent == 100 && !m_closingItemCopied;
-    m_batchSkipped = qMax(0, fileSkipped - (closingItemSkipped ? 1 : 0));
     ShowProgress();
 }
 
-void CopyController::OnFileCopied(const QFileInfo &file)
+void CopyController::OnFileCopied(const QFileInfo &entry)
 {
-    if (SamePath(file, m_closingItem)) {
-        m_closingItemCopied = true;
-        return;
-    }
-    ++m_batchCopied;
-    const CopyBatch &current = batch();
-    const int index = current.IndexHolding(file, m_cursor);
-    const bool wholeItem = index >= 0 && SamePath(current.items().at(index), file);
-    if (index >= 0)
-        m_cursor = wholeItem ? index + 1 : index;
-    // After a whole item, the next one is presumably being copied now.
-    m_currentEntry = current.RelativePath(
-            wholeItem && m_cursor < current.items().size() ? current.items().at(m_cursor) : file);
+    ++m_tally.copied;
+    Advance(entry);
+    const QString copy = batch().WrittenPath(entry);
+    if (m_request.verbosity() == CommandLine::Verbose)
+        m_console.Print(QStringLiteral("%1 -> %2").arg(entry.absoluteFilePath(), copy));
+    const int error = m_request.libraryMode() ? 0 : CopyAttributes(entry.absoluteFilePath(), copy);
+    if (error != 0)
+        m_console.Error(QStringLiteral("trellis-copy: cannot give %1 the permissions and time of "
+                                       "its source: %2")
+                                .arg(copy, Reason(error)));
     ShowProgress();
 }
 
-void CopyController::OnState(int state, const QFileInfo &currentFile)
+void CopyController::OnEntryFailed(const QFileInfo &entry, int error)
+{
+    Advance(entry);
+    if (error != ECANCELED) {
+        ++m_tally.failed;
+        m_console.Error(QStringLiteral("trellis-copy: cannot copy %1: %2")
+                                .arg(entry.absoluteFilePath(), Reason(error)));
+    }
+    RemoveIncomplete(entry);
+}
+
+void CopyController::OnState(int state, const QFileInfo &item)
 {
     m_passRunning = false;
     if (m_finished)
         return;
-    if (m_interrupted) {
-        if (!currentFile.filePath().isEmpty()) {
-            const int index = IndexAfterPass(currentFile);
-            if (index > 0)
-                m_display.Message(QStringLiteral("trellis-copy: stopped while copying %1; its "
-                                                 "copy may be incomplete")
-                                          .arg(batch().items().at(index - 1).absoluteFilePath()));
-        }
-        Finish(130, QStringLiteral("Interrupted"));
+    if (m_stopping) {
+        Finish(m_stopExitCode, m_stopVerdict);
         return;
     }
     switch (state) {
     case TFileCopyTask::StateFileExists:
-        if (SamePath(currentFile, m_closingItem))
-            Resume(&TFileCopyTask::ContinueSkip);
-        else
-            OnConflict(currentFile);
+        OnConflict(item);
         return;
     case TFileCopyTask::StateCopyFailed:
-        OnFailure(currentFile);
+        m_cursor = batch().FirstEntry(qMax(0, batch().IndexOf(item)));
+        if (m_continueAfterFailures) {
+            Resume(TFileCopyTask::Ask);
+        } else {
+            m_console.ClearStatus();
+            m_questions.AskFailure();
+        }
         return;
     default:
         StartBatch();
@@ -151,135 +197,201 @@ void CopyController::OnState(int state, const QFileInfo &currentFile)
 
 void CopyController::OnConflict(const QFileInfo &item)
 {
-    const CopyBatch &current = batch();
-    m_cursor = qMax(0, current.IndexOf(item));
-    m_currentEntry = current.RelativePath(item);
-    // A rename prefix belongs to the item it was given for; asked again about
-    // that item, the question is about the renamed destination.
-    if (!SamePath(item, m_conflictItem))
-        m_renamePrefix.clear();
     m_conflictItem = item;
-    QString destination = current.DestinationPath(
-            item, m_renamePrefix.isEmpty() ? m_request.destination() : m_renamePrefix);
-    const QString writtenName = TFileSystemHelper::FileCopyLowerCaseDestFilename(destination);
-    if (!QFileInfo::exists(destination) && item.isFile() && QFileInfo::exists(writtenName))
-        destination = writtenName;
-
+    m_cursor = batch().FirstEntry(qMax(0, batch().IndexOf(item)));
+    const QString destination = batch().ExistingDestination(item);
+    const QString first = m_plan->CollidesWith(item);
+    const bool canAsk = CopyQuestions::CanAsk() && m_request.conflictRule() == CommandLine::Ask;
+    if (!first.isEmpty() && !canAsk) {
+        m_console.Error(QStringLiteral("trellis-copy: cannot copy %1: it would be written to %2, "
+                                       "where %3 was copied")
+                                .arg(item.absoluteFilePath(), destination, first));
+        Skip(item, true);
+        return;
+    }
+    if (first.isEmpty() && m_rule != CommandLine::Ask) {
+        Decide(item);
+        return;
+    }
     if (!CopyQuestions::CanAsk()) {
-        m_display.Message(QStringLiteral("trellis-copy: %1 exists (copying %2), and standard input "
-                                         "is not a terminal to ask on; use "
-                                         "--on-conflict=overwrite or --on-conflict=skip")
-                                  .arg(destination, item.absoluteFilePath()));
+        m_console.Error(QStringLiteral("trellis-copy: %1 exists (copying %2), and standard input "
+                                       "is not a terminal to ask on; use --on-conflict")
+                                .arg(destination, item.absoluteFilePath()));
         Finish(1, QStringLiteral("Stopped"));
         return;
     }
-    m_display.Clear();
-    m_questions.AskConflict(destination, item.absoluteFilePath(), current.RelativePath(item),
-                            item.completeBaseName());
+    const QString collision = first.isEmpty()
+            ? QString()
+            : QStringLiteral("Both land on one name: %1 was copied there in this run.\n")
+                      .arg(first);
+    m_console.ClearStatus();
+    m_questions.AskConflict(QStringLiteral("%1exists:    %2 (%3)\ncopying:   %4 (%5)\n")
+                                    .arg(collision, destination,
+                                         CopyQuestions::Facts(QFileInfo(destination)),
+                                         item.absoluteFilePath(), CopyQuestions::Facts(item)));
 }
 
 void CopyController::OnConflictAnswered(CopyQuestions::ConflictAnswer answer,
-                                        const QString &renamePrefix)
+                                        const QString &renameTo)
 {
     switch (answer) {
     case CopyQuestions::Overwrite:
-        Resume(&TFileCopyTask::ContinueOverwrite);
-        return;
-    case CopyQuestions::OverwriteAll:
-        m_lastingAction = TFileCopyTask::OverwriteAll;
-        Resume(&TFileCopyTask::ContinueOverwriteAll);
+        Overwrite();
         return;
     case CopyQuestions::Skip:
-        Resume(&TFileCopyTask::ContinueSkip);
+        Skip(m_conflictItem);
         return;
+    case CopyQuestions::OverwriteAll:
     case CopyQuestions::SkipAll:
-        m_lastingAction = TFileCopyTask::SkipAll;
-        Resume(&TFileCopyTask::ContinueSkipAll);
-        return;
-    case CopyQuestions::Rename: {
-        m_renamePrefix = renamePrefix;
-        m_passRunning = true;
-        TFileCopyTask *task = &m_task;
-        // Ask again if the new destination exists too.
-        QMetaObject::invokeMethod(
-                task,
-                [task, renamePrefix] { task->ContinueRename(TFileCopyTask::Ask, renamePrefix); },
-                Qt::QueuedConnection);
+    case CopyQuestions::Newer:
+    case CopyQuestions::Different: {
+        static const CommandLine::ConflictRule rules[]
+                = { CommandLine::Overwrite, CommandLine::Overwrite, CommandLine::Skip,
+                    CommandLine::Skip,      CommandLine::Newer,     CommandLine::Different };
+        m_rule = rules[answer];
+        Decide(m_conflictItem);
         return;
     }
+    case CopyQuestions::Rename:
+        Rename(m_conflictItem, renameTo);
+        return;
     case CopyQuestions::Quit:
-    case CopyQuestions::NotUnderstood:
         Finish(1, QStringLiteral("Quit"));
         return;
     }
 }
 
-void CopyController::OnFailure(const QFileInfo &nextItem)
+void CopyController::OnFailureAnswered(CopyQuestions::FailureAnswer answer)
 {
-    ++m_failed;
-    const CopyBatch &current = batch();
-    const int index = IndexAfterPass(nextItem);
-    m_cursor = qMax(0, index);
-    const QFileInfo failed = current.items().value(index - 1);
-    m_display.Message(QStringLiteral("trellis-copy: could not copy %1%2")
-                              .arg(failed.absoluteFilePath(),
-                                   failed.isDir() ? QStringLiteral(" (the rest of it was left)")
-                                                  : QString()));
-    if (CopyQuestions::CanAsk())
-        m_questions.AskFailure();
-    else
-        ResumeWithLastingAction();
-}
-
-void CopyController::OnFailureAnswered(bool goOn)
-{
-    if (goOn)
-        ResumeWithLastingAction();
-    else
+    if (answer == CopyQuestions::QuitAfterFailure) {
         Finish(1, QStringLiteral("Quit"));
+        return;
+    }
+    m_continueAfterFailures = answer == CopyQuestions::ContinueAll;
+    Resume(TFileCopyTask::Ask);
 }
 
-void CopyController::Resume(void (TFileCopyTask::*continueSlot)())
+void CopyController::Decide(const QFileInfo &item)
 {
-    m_passRunning = true;
-    QMetaObject::invokeMethod(&m_task, continueSlot, Qt::QueuedConnection);
+    const QFileInfo destination(batch().ExistingDestination(item));
+    if (ConflictJudge::Overwrites(m_rule, item, destination))
+        Overwrite();
+    else
+        Skip(item);
 }
 
-void CopyController::ResumeWithLastingAction()
+void CopyController::Overwrite()
+{
+    Resume(TFileCopyTask::Overwrite);
+}
+
+void CopyController::Skip(const QFileInfo &item, bool failed)
+{
+    const int index = batch().IndexOf(item);
+    (failed ? m_tally.failed : m_tally.skipped) += EntriesOf(index);
+    if (m_request.verbosity() == CommandLine::Verbose && !failed)
+        m_console.Print(QStringLiteral("skipped %1").arg(item.absoluteFilePath()));
+    m_cursor = batch().EndEntry(index);
+    Resume(TFileCopyTask::Skip);
+}
+
+// The task can only put another destination prefix in place of the
+// batch's, which gives an item a new directory but not a new name of its
+// own; so the item is skipped here and copied next in a batch of its own.
+void CopyController::Rename(const QFileInfo &item, const QString &renameTo)
+{
+    const int index = batch().IndexOf(item);
+    const bool newName
+            = !renameTo.contains(QLatin1Char('/')) && !renameTo.contains(QLatin1String("%1"));
+    CopyBatch renamed = newName
+            ? CopyBatch(QRegExp::escape(item.absoluteFilePath()),
+                        QFileInfo(batch().DestinationPath(item)).absolutePath() + QLatin1Char('/')
+                                + renameTo)
+            : CopyBatch(batch().sourcePrefix(),
+                        QDir::cleanPath(QDir::current().absoluteFilePath(renameTo)));
+    renamed.Append(item, batch().entries().mid(batch().FirstEntry(index), EntriesOf(index)));
+    m_cursor = batch().EndEntry(index);
+    m_totalBytes += renamed.bytes();
+    m_batches.insert(m_batchIndex + 1 + m_renamesInBatch++, renamed);
+    Resume(TFileCopyTask::Skip);
+}
+
+void CopyController::Resume(TFileCopyTask::EFileExistsAction action)
 {
     m_passRunning = true;
     TFileCopyTask *task = &m_task;
-    const TFileCopyTask::EFileExistsAction action = m_lastingAction;
     QMetaObject::invokeMethod(
             task, [task, action] { task->Continue(action); }, Qt::QueuedConnection);
 }
 
-// The index in batch().items() of the item that a pass left pending next;
-// the items before it have been processed.
-int CopyController::IndexAfterPass(const QFileInfo &nextItem) const
+// Removes what a failed or stopped copy of entry left under its written
+// name: a regular file, shorter than the source and not the source itself
+// (the task refuses to copy a file onto itself, and must not lose it here).
+void CopyController::RemoveIncomplete(const QFileInfo &entry)
 {
-    return SamePath(nextItem, m_closingItem) ? batch().items().size() : batch().IndexOf(nextItem);
+    const QString copy = batch().WrittenPath(entry);
+    struct stat source, written;
+    if (entry.isDir()
+        || ::stat(QFile::encodeName(entry.absoluteFilePath()).constData(), &source) != 0
+        || ::lstat(QFile::encodeName(copy).constData(), &written) != 0 || !S_ISREG(written.st_mode)
+        || written.st_size >= source.st_size
+        || (written.st_dev == source.st_dev && written.st_ino == source.st_ino))
+        return;
+    if (m_request.keepPartial())
+        m_console.Error(QStringLiteral("trellis-copy: kept the incomplete copy %1").arg(copy));
+    else if (QFile::remove(copy))
+        m_console.Error(QStringLiteral("trellis-copy: removed the incomplete copy %1").arg(copy));
+    else
+        m_console.Error(
+                QStringLiteral("trellis-copy: cannot remove the incomplete copy %1").arg(copy));
+}
+
+void CopyController::Advance(const QFileInfo &entry)
+{
+    const QList<QFileInfo> &entries = batch().entries();
+    const QString path = entry.absoluteFilePath();
+    for (int index = m_cursor; index < entries.size(); ++index) {
+        if (entries.at(index).absoluteFilePath() == path) {
+            m_cursor = index + 1;
+            return;
+        }
+    }
 }
 
 void CopyController::ShowProgress()
 {
-    const QString label = m_batches.size() > 1
-            ? QStringLiteral("[%1/%2]").arg(m_batchIndex + 1).arg(m_batches.size())
-            : QString();
-    m_display.Show(label, m_percent, m_copied + m_batchCopied, m_skipped + m_batchSkipped,
-                   m_currentEntry);
+    if (m_request.verbosity() == CommandLine::Quiet || !m_progressLine.Due())
+        return;
+    const QList<QFileInfo> &entries = batch().entries();
+    const QString entry
+            = m_cursor < entries.size() ? entries.at(m_cursor).absoluteFilePath() : QString();
+    m_console.ShowStatus(m_progressLine.Text(m_bytesBefore + batch().bytes() * m_percent / 100,
+                                             m_totalBytes, m_tally.copied, m_tally.skipped,
+                                             m_tally.failed, entry, Console::Width()));
 }
 
-void CopyController::Interrupt()
+void CopyController::OnSignal(int signalNumber)
 {
-    if (m_finished)
+    if (signalNumber == SIGINT)
+        Stop(130, QStringLiteral("Interrupted"));
+    else
+        Stop(1,
+             QStringLiteral("Stopped by %1")
+                     .arg(QString::fromLocal8Bit(::strsignal(signalNumber))));
+}
+
+void CopyController::Stop(int exitCode, const QString &verdict)
+{
+    if (m_finished || m_stopping)
         return;
-    m_interrupted = true;
+    m_stopping = true;
+    m_stopExitCode = exitCode;
+    m_stopVerdict = verdict;
     m_stopWanted.store(true);
     m_task.Stop();
     m_questions.Cancel();
     if (!m_passRunning)
-        Finish(130, QStringLiteral("Interrupted"));
+        Finish(exitCode, verdict);
 }
 
 void CopyController::Finish(int exitCode, const QString &verdict)
@@ -288,11 +400,6 @@ void CopyController::Finish(int exitCode, const QString &verdict)
         return;
     m_finished = true;
     m_questions.Cancel();
-    m_display.Print(QStringLiteral("%1: %2 copied, %3 skipped, %4 failed in %5 s")
-                            .arg(verdict)
-                            .arg(m_copied + m_batchCopied)
-                            .arg(m_skipped + m_batchSkipped)
-                            .arg(m_failed)
-                            .arg(m_clock.elapsed() / 1000.0, 0, 'f', 2));
+    m_console.Print(m_tally.Summary(verdict, m_request.verbosity() == CommandLine::Verbose));
     emit Finished(exitCode);
 }

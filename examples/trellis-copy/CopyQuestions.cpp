@@ -1,30 +1,34 @@
 #include "CopyQuestions.h"
 
-#include <QDir>
+#include "ProgressLine.h"
+
+#include <QDateTime>
+#include <QFileInfo>
 
 #include <utility>
 
 namespace {
 
-const char *const ConflictChoices
-        = "o overwrite, a overwrite all, s skip, n skip all, r rename, q quit? ";
-const char *const FailureChoices = "Go on with the rest? c continue, q quit? ";
+const char *const ConflictChoices = "o overwrite, a overwrite all, s skip, n skip all, "
+                                    "w newer, d different, r rename, q quit? ";
+const char *const RenameQuestion = "New name in the same directory (no / and no %1), or a "
+                                   "destination prefix replacing DEST (%1: the name without "
+                                   "its extension); empty: back? ";
+const char *const FailureChoices = "Go on with the rest? c continue, a continue all, q quit? ";
 
-// Whether text is word or its first letter, ignoring case.
-bool Means(const QString &text, const char *word)
+// The index of the word in words that text is, or whose first letter it is, ignoring case; -1 if
+// none.
+int Meaning(const QString &text, const QStringList &words)
 {
-    const QLatin1String full(word);
-    return text.compare(full, Qt::CaseInsensitive) == 0
-            || (text.size() == 1 && text.at(0).toLower() == QLatin1Char(full.at(0)));
-}
-
-// A prefix as the task needs it: absolute, without a trailing '/' (but "/").
-QString PrefixFromAnswer(const QString &answer)
-{
-    QString prefix = QDir::current().absoluteFilePath(answer);
-    while (prefix.size() > 1 && prefix.endsWith(QLatin1Char('/')))
-        prefix.chop(1);
-    return prefix;
+    const QString answer = text.simplified().replace(QLatin1Char('-'), QLatin1Char(' '));
+    for (int index = 0; index < words.size(); ++index) {
+        for (const QString &word : words.at(index).split(QLatin1Char('|'))) {
+            if (answer.compare(word, Qt::CaseInsensitive) == 0
+                || (answer.size() == 1 && word.size() > 1 && answer.at(0).toLower() == word.at(0)))
+                return index;
+        }
+    }
+    return -1;
 }
 
 } // namespace
@@ -40,23 +44,23 @@ bool CopyQuestions::CanAsk()
     return TerminalPrompt::IsInteractive();
 }
 
-void CopyQuestions::AskConflict(const QString &destination, const QString &source,
-                                const QString &relativePath, const QString &baseName)
+QString CopyQuestions::Facts(const QFileInfo &file)
 {
-    m_question = QStringLiteral("%1 exists (copying %2).\n").arg(destination, source)
-            + QLatin1String(ConflictChoices);
-    m_prefixQuestion = QStringLiteral("New destination prefix: the item goes to PREFIX/%1, "
-                                      "and %2 in PREFIX stands for \"%3\" (empty: back)? ")
-                               .arg(relativePath, QStringLiteral("%1"), baseName);
-    m_open = Open::Conflict;
-    m_prompt.Ask(m_question);
+    return QStringLiteral("%1, modified %2")
+            .arg(file.isDir() ? QStringLiteral("directory") : ProgressLine::Bytes(file.size()),
+                 file.lastModified().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")));
+}
+
+void CopyQuestions::AskConflict(const QString &situation)
+{
+    m_question = situation + QLatin1String(ConflictChoices);
+    Ask(Open::Conflict, m_question);
 }
 
 void CopyQuestions::AskFailure()
 {
     m_question = QLatin1String(FailureChoices);
-    m_open = Open::Failure;
-    m_prompt.Ask(m_question);
+    Ask(Open::Failure, m_question);
 }
 
 void CopyQuestions::Cancel()
@@ -65,77 +69,57 @@ void CopyQuestions::Cancel()
     m_prompt.Cancel();
 }
 
-CopyQuestions::ConflictAnswer CopyQuestions::ParseConflictAnswer(const QString &text)
+void CopyQuestions::Ask(Open question, const QString &text)
 {
-    const QString answer = text.simplified().replace(QLatin1Char('-'), QLatin1Char(' '));
-    if (Means(answer, "overwrite"))
-        return Overwrite;
-    if (Means(answer, "all")
-        || answer.compare(QLatin1String("overwrite all"), Qt::CaseInsensitive) == 0)
-        return OverwriteAll;
-    if (Means(answer, "skip"))
-        return Skip;
-    if (Means(answer, "none")
-        || answer.compare(QLatin1String("skip all"), Qt::CaseInsensitive) == 0)
-        return SkipAll;
-    if (Means(answer, "rename"))
-        return Rename;
-    if (Means(answer, "quit"))
-        return Quit;
-    return NotUnderstood;
+    m_open = question;
+    m_prompt.Ask(text);
 }
 
 void CopyQuestions::OnAnswered(const QString &line)
 {
+    // The first letters of the answers, in the order of the enums; "w" for newer.
+    static const QStringList conflictWords
+            = { QStringLiteral("overwrite"), QStringLiteral("all|overwrite all"),
+                QStringLiteral("skip"),      QStringLiteral("none|skip all"),
+                QStringLiteral("w|newer"),   QStringLiteral("different"),
+                QStringLiteral("rename"),    QStringLiteral("quit") };
+    static const QStringList failureWords
+            = { QStringLiteral("continue"), QStringLiteral("all|continue all"),
+                QStringLiteral("quit") };
     const Open open = std::exchange(m_open, Open::None);
+    int answer = -1;
     switch (open) {
     case Open::None:
         return;
-    case Open::Conflict: {
-        const ConflictAnswer answer = ParseConflictAnswer(line);
-        if (answer == NotUnderstood) {
-            m_open = open;
-            AskAgain();
-        } else if (answer == Rename) {
-            m_open = Open::RenamePrefix;
-            m_prompt.Ask(m_prefixQuestion);
-        } else {
-            emit ConflictAnswered(answer, QString());
-        }
-        return;
-    }
-    case Open::RenamePrefix:
-        if (line.isEmpty()) {
-            m_open = Open::Conflict;
-            m_prompt.Ask(m_question);
-        } else {
-            emit ConflictAnswered(Rename, PrefixFromAnswer(line));
-        }
+    case Open::Conflict:
+        answer = Meaning(line, conflictWords);
+        if (answer == Rename)
+            Ask(Open::RenameTo, QLatin1String(RenameQuestion));
+        else if (answer >= 0)
+            emit ConflictAnswered(ConflictAnswer(answer), QString());
+        break;
+    case Open::RenameTo:
+        if (line.isEmpty())
+            Ask(Open::Conflict, m_question);
+        else
+            emit ConflictAnswered(Rename, line);
         return;
     case Open::Failure:
-        if (Means(line, "continue")) {
-            emit FailureAnswered(true);
-        } else if (Means(line, "quit")) {
-            emit FailureAnswered(false);
-        } else {
-            m_open = open;
-            AskAgain();
-        }
-        return;
+        answer = Meaning(line, failureWords);
+        if (answer >= 0)
+            emit FailureAnswered(FailureAnswer(answer));
+        break;
     }
+    if (answer < 0)
+        Ask(open,
+            QStringLiteral("Please answer with one of the letters or words shown.\n") + m_question);
 }
 
 void CopyQuestions::OnClosed()
 {
     const Open open = std::exchange(m_open, Open::None);
     if (open == Open::Failure)
-        emit FailureAnswered(false);
+        emit FailureAnswered(QuitAfterFailure);
     else if (open != Open::None)
         emit ConflictAnswered(Quit, QString());
-}
-
-void CopyQuestions::AskAgain()
-{
-    m_prompt.Ask(QStringLiteral("Please answer with one of the letters or words shown.\n")
-                 + m_question);
 }

@@ -6,6 +6,8 @@
 #include <QObject>
 #include <QString>
 
+class QFileInfo;
+
 /*!
     The questions that trellis-copy asks its user, and the answers it
     understands: a word or its first letter, in any case.
@@ -19,24 +21,25 @@ class CopyQuestions : public QObject
     Q_OBJECT
 
 public:
-    enum ConflictAnswer { Overwrite, OverwriteAll, Skip, SkipAll, Rename, Quit, NotUnderstood };
+    enum ConflictAnswer { Overwrite, OverwriteAll, Skip, SkipAll, Newer, Different, Rename, Quit };
     Q_ENUM(ConflictAnswer)
+    enum FailureAnswer { Continue, ContinueAll, QuitAfterFailure };
+    Q_ENUM(FailureAnswer)
 
     explicit CopyQuestions(QObject *parent = nullptr);
 
     //! Whether questions can be asked: standard input is a terminal.
     static bool CanAsk();
 
+    //! "size, modified date and time" of \a file, for questions and listings.
+    static QString Facts(const QFileInfo &file);
+
     /*!
-        Asks what to do about the existing \a destination of the work item
-        \a source. For a rename, asks next for the new destination prefix,
-        explaining it with the item's \a relativePath (below its source's
-        parent) and \a baseName, for which a %1 in the prefix stands. A
-        relative prefix is taken from the current directory; an empty one
-        goes back to the first question.
+        Asks what to do about a conflict that \a situation describes (ending
+        with a line end). For a rename, asks next for the new name or
+        destination prefix; an empty answer goes back to the first question.
     */
-    void AskConflict(const QString &destination, const QString &source, const QString &relativePath,
-                     const QString &baseName);
+    void AskConflict(const QString &situation);
 
     //! Asks whether to go on after an entry could not be copied.
     void AskFailure();
@@ -44,26 +47,21 @@ public:
     //! Drops the open question, if any; nothing is emitted for it.
     void Cancel();
 
-    //! The conflict answer that \a text means, NotUnderstood if none.
-    static ConflictAnswer ParseConflictAnswer(const QString &text);
-
 signals:
-    //! The answer to AskConflict(); \a renamePrefix is set for Rename only.
-    void ConflictAnswered(CopyQuestions::ConflictAnswer answer, const QString &renamePrefix);
-    //! The answer to AskFailure(): true to go on, false to quit.
-    void FailureAnswered(bool goOn);
+    //! The answer to AskConflict(); \a renameTo is the text given for Rename only.
+    void ConflictAnswered(CopyQuestions::ConflictAnswer answer, const QString &renameTo);
+    void FailureAnswered(CopyQuestions::FailureAnswer answer);
 
 private:
-    enum class Open { None, Conflict, RenamePrefix, Failure };
+    enum class Open { None, Conflict, RenameTo, Failure };
 
     void OnAnswered(const QString &line);
     void OnClosed();
-    void AskAgain();
+    void Ask(Open question, const QString &text);
 
     TerminalPrompt m_prompt;
     Open m_open = Open::None;
     QString m_question; // the open question, asked again after a rename is taken back
-    QString m_prefixQuestion;
 };
 
 #endif // TRELLIS_COPY_COPYQUESTIONS_H

@@ -3,14 +3,31 @@
 
 #include "CommandLine.h"
 #include "CopyController.h"
-#include "InterruptNotifier.h"
+#include "SignalNotifier.h"
 
 #include <QCoreApplication>
 
 #include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+// Opens /dev/null on standard input, output and error where they are
+// closed, so that no file the program opens takes their place.
+void OpenClosedStandardStreams()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (::fcntl(fd, F_GETFD) == -1 && ::open("/dev/null", O_RDWR) != fd)
+            ::_exit(1);
+    }
+}
+
+} // namespace
 
 int main(int argc, char *argv[])
 {
+    OpenClosedStandardStreams();
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("trellis-copy"));
     QCoreApplication::setApplicationVersion(QStringLiteral(TRELLIS_VERSION_STRING));
@@ -19,10 +36,10 @@ int main(int argc, char *argv[])
     switch (request.outcome()) {
     case CommandLine::ShowHelp:
         std::fputs(qPrintable(request.helpText()), stdout);
-        return 0;
+        return std::fflush(stdout) == 0 ? 0 : 1;
     case CommandLine::ShowVersion:
         std::printf("trellis-copy %s\n", TRELLIS_VERSION_STRING);
-        return 0;
+        return std::fflush(stdout) == 0 ? 0 : 1;
     case CommandLine::UsageError:
         std::fprintf(stderr, "trellis-copy: %s\nTry 'trellis-copy --help' for more.\n",
                      qPrintable(request.error()));
@@ -31,12 +48,15 @@ int main(int argc, char *argv[])
         break;
     }
 
+    SignalNotifier notifier;
     CopyController controller(request);
-    InterruptNotifier interrupts;
-    QObject::connect(&interrupts, &InterruptNotifier::Interrupted, &controller,
-                     &CopyController::Interrupt);
+    QObject::connect(&notifier, &SignalNotifier::Signalled, &controller, &CopyController::OnSignal);
     QObject::connect(&controller, &CopyController::Finished, &application,
                      [](int exitCode) { QCoreApplication::exit(exitCode); });
     QMetaObject::invokeMethod(&controller, &CopyController::Start, Qt::QueuedConnection);
-    return QCoreApplication::exec();
+    const int exitCode = QCoreApplication::exec();
+    // A walk still planning writes nothing and cannot be interrupted: leave it.
+    if (controller.isPlanning())
+        ::_exit(exitCode);
+    return exitCode;
 }

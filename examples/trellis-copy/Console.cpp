@@ -1,0 +1,71 @@
+#include "Console.h"
+
+#include <cerrno>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+const char EraseLine[] = "\r\033[K";
+
+} // namespace
+
+Console::Console(QObject *parent) : QObject(parent), m_live(::isatty(STDOUT_FILENO) == 1) { }
+
+int Console::Width()
+{
+    struct winsize size = {};
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+        return size.ws_col;
+    return 80;
+}
+
+void Console::ShowStatus(const QString &line)
+{
+    if (!m_live) {
+        Print(line);
+        return;
+    }
+    m_statusShown = Write(STDOUT_FILENO, EraseLine + line.toLocal8Bit());
+}
+
+void Console::ClearStatus()
+{
+    if (m_statusShown)
+        Write(STDOUT_FILENO, EraseLine);
+    m_statusShown = false;
+}
+
+void Console::Print(const QString &text)
+{
+    ClearStatus();
+    Write(STDOUT_FILENO, text.toLocal8Bit() + '\n');
+}
+
+void Console::Error(const QString &text)
+{
+    ClearStatus();
+    if (!Write(STDERR_FILENO, text.toLocal8Bit() + '\n'))
+        Write(STDOUT_FILENO, text.toLocal8Bit() + '\n');
+}
+
+bool Console::Write(int fd, const QByteArray &bytes)
+{
+    if (m_broken[fd])
+        return false;
+    for (qsizetype done = 0; done < bytes.size();) {
+        const ssize_t written = ::write(fd, bytes.constData() + done, size_t(bytes.size() - done));
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0) {
+            const int error = written < 0 ? errno : EIO;
+            m_broken[fd] = true;
+            emit WriteFailed(fd == STDOUT_FILENO ? QStringLiteral("standard output")
+                                                 : QStringLiteral("standard error"),
+                             error);
+            return false;
+        }
+        done += written;
+    }
+    return true;
+}
