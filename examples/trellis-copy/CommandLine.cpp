@@ -58,8 +58,9 @@ Answers where a destination exists (a word or its first letter, then Enter):
                       its new name in the same directory; anything else is a
                       PREFIX that replaces DEST for this item only, %1 in it
                       standing for the item's name without its last
-                      extension (e.g. /backup/%1-old). When that destination
-                      exists too, the question comes again.
+                      extension (e.g. /backup/%1-old). The item is copied
+                      there after the rest of its batch; when that
+                      destination exists too, the question comes again.
   q, quit             stop here (exit code 1)
   End of input (Ctrl-D) quits as well. Two sources landing on one name are
   asked about even after an all answer.
