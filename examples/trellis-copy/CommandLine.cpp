@@ -14,9 +14,10 @@ const char *const Description
           "destination exists, with a progress line and a summary of what was copied,\n"
           "skipped, failed or left out.\n"
           "\n"
-          "Each copy gets the permission bits and modification time of its source. With\n"
-          "--library-mode it keeps the Trellis library's own rules instead: write\n"
-          "permission for others added, and the copy time, rounded down to the minute.";
+          "Each copy gets the permission bits and modification time of its source.\n"
+          "With the option --library-mode it keeps the Trellis library's own rules\n"
+          "instead: write permission for others added, and the copy time, rounded down\n"
+          "to the minute.";
 
 const char *const Details = R"(
 Where things land:
@@ -72,8 +73,8 @@ When an entry cannot be copied:
   terminal on standard input the copy goes on and ends with exit code 1.
 
 Without a terminal on standard input, conflicts cannot be asked about: with
---on-conflict=ask the first one is reported with its path and the program
-ends with exit code 1, leaving the rest uncopied.
+the rule ask (--on-conflict=ask) the first one is reported with its path and
+the program ends with exit code 1, leaving the rest uncopied.
 
 Progress goes to standard output: on a terminal a line redrawn at most ten
 times a second (bytes done and in all, percentage, rate, time left, entries
