@@ -236,7 +236,7 @@ void CopyController::OnConflictAnswered(CopyQuestions::ConflictAnswer answer,
 {
     switch (answer) {
     case CopyQuestions::Overwrite:
-        Overwrite();
+        Resume(TFileCopyTask::Overwrite);
         return;
     case CopyQuestions::Skip:
         Skip(m_conflictItem);
@@ -275,14 +275,9 @@ void CopyController::Decide(const QFileInfo &item)
 {
     const QFileInfo destination(batch().ExistingDestination(item));
     if (ConflictJudge::Overwrites(m_rule, item, destination))
-        Overwrite();
+        Resume(TFileCopyTask::Overwrite);
     else
         Skip(item);
-}
-
-void CopyController::Overwrite()
-{
-    Resume(TFileCopyTask::Overwrite);
 }
 
 void CopyController::Skip(const QFileInfo &item, bool failed)

@@ -72,7 +72,6 @@ private:
     void OnConflictAnswered(CopyQuestions::ConflictAnswer answer, const QString &renameTo);
     void OnFailureAnswered(CopyQuestions::FailureAnswer answer);
     void Decide(const QFileInfo &item);
-    void Overwrite();
     void Skip(const QFileInfo &item, bool failed = false);
     void Rename(const QFileInfo &item, const QString &renameTo);
     void Resume(TFileCopyTask::EFileExistsAction action);
