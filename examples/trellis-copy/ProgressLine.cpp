@@ -60,12 +60,16 @@ QString ProgressLine::Text(qint64 done, qint64 total, int copied, int skipped, i
     const QString left = rate > 0 && done > 0
             ? Duration(qint64((total - done) / rate)) + QLatin1String(" left")
             : QStringLiteral("--:-- left");
-    const QString line = QStringLiteral("%1% %2 / %3 %4/s %5 | %6 copied, %7 skipped, %8 failed  ")
-                                 .arg(total > 0 ? int(done * 100 / total) : 100, 3)
-                                 .arg(Bytes(done), Bytes(total), Bytes(qint64(rate)), left)
-                                 .arg(copied)
-                                 .arg(skipped)
-                                 .arg(failed);
+    QString line = QStringLiteral("%1% %2/%3 %4/s %5 %6 copied")
+                           .arg(total > 0 ? int(done * 100 / total) : 100, 3)
+                           .arg(Bytes(done), Bytes(total), Bytes(qint64(rate)), left)
+                           .arg(copied);
+    // Counts that are zero would only take room from the entry.
+    if (skipped > 0)
+        line += QStringLiteral(", %1 skipped").arg(skipped);
+    if (failed > 0)
+        line += QStringLiteral(", %1 failed").arg(failed);
+    line += QLatin1String("  ");
     // The last column stays free: writing into it makes some terminals wrap.
     return line + (m_live ? KeepEnds(entry, width - 1 - line.size()) : entry);
 }

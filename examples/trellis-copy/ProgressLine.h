@@ -7,7 +7,7 @@
 /*!
     The text of trellis-copy's progress line: bytes done and in all, the
     percentage of the whole run, the rate, the time left, the entries
-    copied, skipped and failed, and the current entry, shortened in the
+    copied (skipped and failed when there are any), and the current entry, shortened in the
     middle to fit. It also keeps the pace: a line is due at most ten times a
     second on a terminal, once a second otherwise.
 */
@@ -19,8 +19,6 @@ public:
 
     //! Whether a new line is due; if so, the next one is due only after the interval.
     bool Due();
-    //! Makes the next line due at once, as after a question.
-    void MakeDue() { m_sinceLastLine.invalidate(); }
 
     //! Bytes in human units, such as "1.5 GiB".
     static QString Bytes(qint64 bytes);
