@@ -200,8 +200,9 @@ void tst_TrellisCopy::runs_data()
     AddRow("--on-conflict=ask without a terminal", "--on-conflict=ask @/src @/dst", oneOld, "", 1,
            "@/dst/src/a.txt exists", "dst/src/a.txt=old dst/src/c.txt=-");
     AddRow("--on-conflict=newer", "--on-conflict=newer @/src @/dst",
-           "dst/src/a.txt=old dst/src/b.txt=old dst/src/a.txt@2000 dst/src/b.txt@2100", "", 0,
-           "Done: 2 copied, 1 skipped", "dst/src/a.txt=a dst/src/b.txt=old dst/src/c.txt=c");
+           "dst/src/a.txt=old dst/src/b.txt=old dst/src/a.txt@2000 src/b.txt@2001 "
+           "dst/src/b.txt@2002",
+           "", 0, "Done: 2 copied, 1 skipped", "dst/src/a.txt=a dst/src/b.txt=old dst/src/c.txt=c");
     AddRow("--on-conflict=different", "--on-conflict=different @/src @/dst",
            "dst/src/a.txt=A dst/src/b.txt=bb src/a.txt@2000 dst/src/a.txt@2000", "", 0,
            "Done: 2 copied, 1 skipped", "dst/src/a.txt=A dst/src/b.txt=b");
