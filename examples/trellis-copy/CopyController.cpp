@@ -11,8 +11,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -21,26 +19,12 @@ QString Reason(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
-// Gives copy the permission bits and the access and modification times of
-// source; 0, or the errno of the step that failed.
-int CopyAttributes(const QString &source, const QString &copy)
-{
-    struct stat status;
-    const QByteArray copyName = QFile::encodeName(copy);
-    if (::stat(QFile::encodeName(source).constData(), &status) != 0)
-        return errno;
-    const struct timespec times[2] = { status.st_atim, status.st_mtim };
-    if (::chmod(copyName.constData(), status.st_mode & 0777) != 0
-        || ::utimensat(AT_FDCWD, copyName.constData(), times, 0) != 0)
-        return errno;
-    return 0;
-}
-
 } // namespace
 
 CopyController::CopyController(const CommandLine &request, QObject *parent)
     : QObject(parent), m_request(request), m_rule(request.conflictRule()),
-      m_continueAfterFailures(!CopyQuestions::CanAsk()), m_progressLine(m_console.isLive())
+      m_continueAfterFailures(!CopyQuestions::CanAsk()), m_progressLine(m_console.isLive()),
+      m_aftercare(request.libraryMode(), request.keepPartial(), m_console)
 {
     connect(&m_task, &TFileCopyTask::Progress, this, &CopyController::OnProgress,
             Qt::QueuedConnection);
@@ -149,11 +133,7 @@ void CopyController::OnFileCopied(const QFileInfo &entry)
     const QString copy = batch().WrittenPath(entry);
     if (m_request.verbosity() == CommandLine::Verbose)
         m_console.Print(QStringLiteral("%1 -> %2").arg(entry.absoluteFilePath(), copy));
-    const int error = m_request.libraryMode() ? 0 : CopyAttributes(entry.absoluteFilePath(), copy);
-    if (error != 0)
-        m_console.Error(QStringLiteral("trellis-copy: cannot give %1 the permissions and time of "
-                                       "its source: %2")
-                                .arg(copy, Reason(error)));
+    m_aftercare.Finished(entry, copy);
     ShowProgress();
 }
 
@@ -165,7 +145,7 @@ void CopyController::OnEntryFailed(const QFileInfo &entry, int error)
         m_console.Error(QStringLiteral("trellis-copy: cannot copy %1: %2")
                                 .arg(entry.absoluteFilePath(), Reason(error)));
     }
-    RemoveIncomplete(entry);
+    m_aftercare.Failed(entry, batch().WrittenPath(entry));
 }
 
 void CopyController::OnState(int state, const QFileInfo &item)
@@ -317,28 +297,6 @@ void CopyController::Resume(TFileCopyTask::EFileExistsAction action)
     TFileCopyTask *task = &m_task;
     QMetaObject::invokeMethod(
             task, [task, action] { task->Continue(action); }, Qt::QueuedConnection);
-}
-
-// Removes what a failed or stopped copy of entry left under its written
-// name: a regular file, shorter than the source and not the source itself
-// (the task refuses to copy a file onto itself, and must not lose it here).
-void CopyController::RemoveIncomplete(const QFileInfo &entry)
-{
-    const QString copy = batch().WrittenPath(entry);
-    struct stat source, written;
-    if (entry.isDir()
-        || ::stat(QFile::encodeName(entry.absoluteFilePath()).constData(), &source) != 0
-        || ::lstat(QFile::encodeName(copy).constData(), &written) != 0 || !S_ISREG(written.st_mode)
-        || written.st_size >= source.st_size
-        || (written.st_dev == source.st_dev && written.st_ino == source.st_ino))
-        return;
-    if (m_request.keepPartial())
-        m_console.Error(QStringLiteral("trellis-copy: kept the incomplete copy %1").arg(copy));
-    else if (QFile::remove(copy))
-        m_console.Error(QStringLiteral("trellis-copy: removed the incomplete copy %1").arg(copy));
-    else
-        m_console.Error(
-                QStringLiteral("trellis-copy: cannot remove the incomplete copy %1").arg(copy));
 }
 
 void CopyController::Advance(const QFileInfo &entry)

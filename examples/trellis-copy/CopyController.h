@@ -3,6 +3,7 @@
 
 #include "CommandLine.h"
 #include "Console.h"
+#include "CopyAftercare.h"
 #include "CopyPlan.h"
 #include "CopyQuestions.h"
 #include "CopyTally.h"
@@ -20,8 +21,7 @@
     Runs one trellis-copy request: plans it in the worker thread, hands the
     copy task living there one batch after the other, decides each conflict
     by the rule in force or through the user, reports failures with their
-    causes, gives copies their sources' permissions and times, shows the
-    progress and ends with a summary and an exit code.
+    causes, shows the progress and ends with a summary and an exit code.
 
     It lives in the main thread and talks to the task only through queued
     connections and queued invocations, except for Stop(), which must reach
@@ -75,7 +75,6 @@ private:
     void Skip(const QFileInfo &item, bool failed = false);
     void Rename(const QFileInfo &item, const QString &renameTo);
     void Resume(TFileCopyTask::EFileExistsAction action);
-    void RemoveIncomplete(const QFileInfo &entry);
     void Advance(const QFileInfo &entry);
     void ShowProgress();
     void Stop(int exitCode, const QString &verdict);
@@ -98,6 +97,7 @@ private:
     ProgressLine m_progressLine;
     CopyQuestions m_questions;
     CopyTally m_tally;
+    CopyAftercare m_aftercare;
 
     std::shared_ptr<const CopyPlan> m_plan;
     QList<CopyBatch> m_batches; // the plan's, and those of renamed items
