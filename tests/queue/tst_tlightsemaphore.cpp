@@ -1,12 +1,9 @@
 #include "HangWatch.h"
 #include "TLightSemaphore.h"
 
-#include <QFile>
-#include <QSemaphore>
 #include <QtTest>
 
 #include <atomic>
-#include <thread>
 
 #include <unistd.h>
 
@@ -17,106 +14,72 @@
 
 namespace {
 
-enum Point { Announced = 1, AboutToSleep = 2, AboutToWake = 4, WakeUpMissed = 8 };
+enum Point { Finished = 0, Announced = 1, AboutToSleep = 2, AboutToWake = 4, WakeUpMissed = 8 };
 
-// One thread of a scenario, called name in the messages. It stops once at
-// each point of stopAt and says when it has stopped or finished.
-class Actor
+// One thread of a scenario, called name in the messages, that runs work. It
+// stops once at each point of stopAt and says when it has stopped or finished.
+struct Actor
 {
-public:
-    Actor(const char *name, int stopAt) : m_name(QLatin1String(name)), m_stopAt(stopAt) { }
+    Actor(const char *name, int stopAt, std::function<void()> work)
+        : name(QLatin1String(name)), stopAt(stopAt), thread([this, work] {
+              current = this, tid = gettid();
+              work();
+              finished = true, event.release();
+          })
+    { }
     ~Actor()
     {
-        m_resume.release(3); // past any stop left after a failed check
-        const HangWatch watch(m_name + QStringLiteral(" to finish"));
-        m_thread.join();
+        resume.release(3); // past any stop left after a failed check
+        const HangWatch watch(name + QStringLiteral(" to finish"));
+        thread.join();
     }
 
-    template<typename Work>
-    void start(Work work)
+    // Waits until the thread stops or finishes; returns where (Finished).
+    Point next()
     {
-        m_thread = std::thread([this, work] {
-            current = this;
-            m_tid = gettid();
-            work();
-            m_finished = true;
-            m_event.release();
-        });
+        const HangWatch watch(name + QStringLiteral(" to stop or finish"));
+        event.acquire(); // released at each stop and at the end
+        return finished ? Finished : Point(stoppedAt.load());
     }
 
-    // Waits until the thread stops at a point or finishes; returns the point,
-    // or 0 once it has finished.
-    int waitForStopOrEnd()
+    // Lets the thread go on from its stop; returns where it stops next.
+    Point goOn() { return resume.release(), next(); }
+
+    // Lets the thread go on and waits until it sleeps in the kernel: once it
+    // has taken its go-ahead, nothing but the semaphore's wait blocks it.
+    void goOnToSleep()
     {
-        const HangWatch watch(m_name + QStringLiteral(" to stop or finish"));
-        if (!m_finished)
-            m_event.acquire();
-        return m_finished ? 0 : m_stoppedAt.load();
+        resume.release();
+        const HangWatch watch(name + QStringLiteral(" to sleep in the kernel"));
+        QFile stat(QStringLiteral("/proc/self/task/%1/stat").arg(tid)); // "tid (name) state ..."
+        while (resume.available()
+               || !(stat.open(QIODevice::ReadOnly) && stat.readAll().contains(") S ")))
+            stat.close(), std::this_thread::yield();
     }
-
-    void goOn()
-    {
-        m_stoppedAt = 0;
-        m_resume.release();
-    }
-
-    bool finished() const { return m_finished; }
-
-    // Waits until the thread, let go on from its last stop, sleeps in the
-    // kernel: past its stop, nothing but the semaphore's wait blocks it.
-    void waitUntilAsleep() const
-    {
-        const HangWatch watch(m_name + QStringLiteral(" to sleep in the kernel"));
-        while (!asleepInKernel())
-            std::this_thread::yield();
-    }
-
-    static thread_local Actor *current;
 
     // The test points of the semaphore, in the actor's thread.
     static void reach(Point point)
     {
-        Actor *const self = current;
-        if (!self || !(self->m_stopAt & point))
-            return;
-        self->m_stopAt &= ~point;
-        self->m_goingOn = false;
-        self->m_stoppedAt = point;
-        self->m_event.release();
-        self->m_resume.acquire();
-        self->m_goingOn = true;
+        if (Actor *const self = current; self && self->stopAt & point)
+            self->stopAt &= ~point, self->stoppedAt = point, self->event.release(),
+                                    self->resume.acquire();
     }
 
-private:
-    bool asleepInKernel() const
-    {
-        QFile stat(QStringLiteral("/proc/self/task/%1/stat").arg(m_tid.load()));
-        if (!m_goingOn || m_finished || !stat.open(QIODevice::ReadOnly))
-            return false;
-        const QByteArray fields = stat.readAll(); // "tid (name) state ..."
-        return fields.mid(fields.lastIndexOf(')') + 2, 1) == "S";
-    }
+    static void announced() { reach(Announced); }
+    static void aboutToSleep() { reach(AboutToSleep); }
+    static void aboutToWake() { reach(AboutToWake); }
+    static void wakeUpMissed() { reach(WakeUpMissed); }
 
-    const QString m_name;
-    int m_stopAt; // touched by the actor's thread only
-    std::atomic<int> m_stoppedAt { 0 };
-    std::atomic<bool> m_goingOn { true }, m_finished { false };
-    std::atomic<pid_t> m_tid { 0 };
-    QSemaphore m_event, m_resume;
-    std::thread m_thread;
+    static inline thread_local Actor *current = nullptr;
+    const QString name;
+    int stopAt; // touched by the actor's thread only
+    std::atomic<int> stoppedAt { 0 }, tid { 0 };
+    std::atomic<bool> finished { false };
+    QSemaphore event, resume;
+    std::thread thread; // last: it starts with the fields above ready
 };
 
-thread_local Actor *Actor::current = nullptr;
-
-struct ScriptedPoints
-{
-    static void announced() { Actor::reach(Announced); }
-    static void aboutToSleep() { Actor::reach(AboutToSleep); }
-    static void aboutToWake() { Actor::reach(AboutToWake); }
-    static void wakeUpMissed() { Actor::reach(WakeUpMissed); }
-};
-
-using Semaphore = TBasicLightSemaphore<ScriptedPoints>;
+using Semaphore = TBasicLightSemaphore<Actor>; // Actor gives its test points
 
 } // namespace
 
@@ -125,25 +88,6 @@ class tst_TLightSemaphore : public QObject
     Q_OBJECT
 
 private slots:
-
-    // A unit given after a thread last looked for one, but before it sleeps,
-    // still reaches it: the release finds nobody asleep to wake, and the thread
-    // does not sleep through the release.
-    void releaseJustBeforeASleepIsNotLost()
-    {
-        Semaphore units(0);
-        Actor sleeper("the sleeper", AboutToSleep), releaser("the releaser", WakeUpMissed);
-        sleeper.start([&] { units.acquire(); });
-        QCOMPARE(sleeper.waitForStopOrEnd(), int(AboutToSleep));
-        releaser.start([&] { units.release(); });
-        QCOMPARE(releaser.waitForStopOrEnd(), int(WakeUpMissed));
-        sleeper.goOn();
-        QCOMPARE(sleeper.waitForStopOrEnd(), 0);
-        releaser.goOn();
-        QCOMPARE(releaser.waitForStopOrEnd(), 0);
-        QCOMPARE(units.available(), 0);
-    }
-
     // The one unit of a release goes to a thread that had already announced
     // itself as a sleeper, while the releaser is between giving it and waking a
     // sleeper; meanwhile another thread goes to sleep for want of a unit. The
@@ -154,37 +98,21 @@ private slots:
     void holderOfAUnitNeverWaitsForAWakeUp()
     {
         Semaphore units(0);
-        Actor holder("the holder", Announced | AboutToSleep), releaser("the releaser", AboutToWake),
-                sleeper("the sleeper", AboutToSleep);
-
-        holder.start([&] { units.acquire(); });
-        QCOMPARE(holder.waitForStopOrEnd(), int(Announced));
-        releaser.start([&] { units.release(); });
-        QCOMPARE(releaser.waitForStopOrEnd(), int(AboutToWake));
-        holder.goOn(); // takes the unit
-        const bool holderWaits = holder.waitForStopOrEnd() == AboutToSleep;
-
-        sleeper.start([&] { units.acquire(); });
-        QCOMPARE(sleeper.waitForStopOrEnd(), int(AboutToSleep));
-        sleeper.goOn();
-        sleeper.waitUntilAsleep();
-        if (holderWaits) { // first in the kernel's line, so the wake-up goes to the other
-            holder.goOn();
-            holder.waitUntilAsleep();
-        }
-        releaser.goOn();
-        QVERIFY2(releaser.waitForStopOrEnd() == 0, "the releaser stopped twice");
-
-        {
-            const HangWatch watch(QStringLiteral("the holder to return with its unit"),
-                                  std::chrono::seconds(10));
-            QVERIFY(holder.waitForStopOrEnd() == 0);
-        }
-        QCOMPARE(units.available(), 0);
-        QVERIFY(!sleeper.finished());
+        Actor holder("the holder", Announced | AboutToSleep, [&] { units.acquire(); });
+        QCOMPARE(holder.next(), Announced);
+        Actor releaser("the releaser", AboutToWake, [&] { units.release(); });
+        QCOMPARE(releaser.next(), AboutToWake);
+        const bool holderWaits = holder.goOn() == AboutToSleep; // with the unit taken
+        Actor sleeper("the sleeper", AboutToSleep, [&] { units.acquire(); });
+        QCOMPARE(sleeper.next(), AboutToSleep);
+        sleeper.goOnToSleep();
+        if (holderWaits) // first in the kernel's line, so the wake-up goes to the other
+            holder.goOnToSleep();
+        QVERIFY2(releaser.goOn() == Finished, "the releaser stopped twice");
+        QVERIFY(!holderWaits || holder.next() == Finished); // with its unit
+        QVERIFY(units.available() == 0 && !sleeper.finished);
         units.release();
-        QCOMPARE(sleeper.waitForStopOrEnd(), 0);
-        QCOMPARE(units.available(), 0);
+        QVERIFY(sleeper.next() == Finished && units.available() == 0);
     }
 
     // A release's wake-up misses a thread that is on its way into the kernel,
@@ -196,30 +124,17 @@ private slots:
     void missedWakeUpIsMadeGoodForAnotherRelease()
     {
         Semaphore units(0);
-        Actor sleeper("the sleeper", Announced | AboutToSleep),
-                first("the first releaser", AboutToWake | WakeUpMissed),
-                second("the second releaser", 0);
-
-        sleeper.start([&] { units.acquire(); });
-        QCOMPARE(sleeper.waitForStopOrEnd(), int(Announced));
-        first.start([&] { units.release(); });
-        QCOMPARE(first.waitForStopOrEnd(), int(AboutToWake));
+        Actor sleeper("the sleeper", Announced | AboutToSleep, [&] { units.acquire(); });
+        QCOMPARE(sleeper.next(), Announced);
+        Actor first("the first releaser", AboutToWake | WakeUpMissed, [&] { units.release(); });
+        QCOMPARE(first.next(), AboutToWake);
         QVERIFY(units.tryAcquire()); // the first unit
-        sleeper.goOn();
-        QCOMPARE(sleeper.waitForStopOrEnd(), int(AboutToSleep));
-        first.goOn();
-        QCOMPARE(first.waitForStopOrEnd(), int(WakeUpMissed));
-        sleeper.goOn();
-        sleeper.waitUntilAsleep();
-        second.start([&] { units.release(); });
-        QCOMPARE(second.waitForStopOrEnd(), 0);
-        first.goOn();
-        QCOMPARE(first.waitForStopOrEnd(), 0);
-        {
-            const HangWatch watch(QStringLiteral("the sleeper to wake for the second unit"),
-                                  std::chrono::seconds(10));
-            QCOMPARE(sleeper.waitForStopOrEnd(), 0);
-        }
+        QCOMPARE(sleeper.goOn(), AboutToSleep);
+        QCOMPARE(first.goOn(), WakeUpMissed);
+        sleeper.goOnToSleep();
+        Actor second("the second releaser", 0, [&] { units.release(); });
+        QVERIFY(second.next() == Finished && first.goOn() == Finished);
+        QCOMPARE(sleeper.next(), Finished); // woken for the second unit
         QCOMPARE(units.available(), 0);
     }
 };
