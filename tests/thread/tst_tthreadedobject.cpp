@@ -3,13 +3,7 @@
 #include <Trellis/TThreadedObject.h>
 #include <Trellis/ThreadNameProxy.h>
 
-#include <QFile>
-#include <QMetaMethod>
 #include <QtTest>
-
-#include <mutex>
-
-#include <unistd.h>
 
 // Built twice: as tst_tthreadedobject, without a naming hook, and as
 // tst_threadnameproxy, which installs a hook that logs the names it is given
@@ -24,29 +18,24 @@ static QString eventLog;
 static void record(const QString &what)
 {
     const std::lock_guard<std::mutex> locker(logMutex);
-    const bool inMain = QThread::currentThread() == QCoreApplication::instance()->thread();
-    eventLog += (inMain ? QStringLiteral("main:") : QString()) + what + QLatin1Char(' ');
+    eventLog.append(QLatin1String(QThread::currentThread() == qApp->thread() ? "main:" : ""))
+            .append(what + u' ');
 }
 
-// A threaded object that logs its five signals (through direct connections)
-// and its hooks. Initialize() logs its thread's name as the kernel has it, then
-// "Initialize" only if wait() refuses at once to wait on its own thread (with
-// a warning that each start() must expect).
-class RecordingWorker : public TThreadedObject
+// A threaded object that logs its five signals (called directly, in the
+// emitting thread) and its hooks. Initialize() logs its thread's name as the
+// kernel has it, then "Initialize" only if wait() refuses at once to wait on
+// its own thread (with a warning that each start() must expect).
+#define RECORD(signal)                                                                             \
+    connect(this, &TThreadedObject::signal, [] { record(QStringLiteral(#signal)); })
+
+struct RecordingWorker : TThreadedObject
 {
-public:
     explicit RecordingWorker(const QString &name) : TThreadedObject(name)
     {
-        for (const auto signal :
-             { &TThreadedObject::AboutToStop, &TThreadedObject::AboutToInitialize,
-               &TThreadedObject::Initialized, &TThreadedObject::AboutToFinalize,
-               &TThreadedObject::Finalized }) {
-            const QString what = QString::fromLatin1(QMetaMethod::fromSignal(signal).name());
-            connect(
-                    this, signal, this, [what] { record(what); }, Qt::DirectConnection);
-        }
+        RECORD(AboutToStop), RECORD(AboutToInitialize), RECORD(Initialized);
+        RECORD(AboutToFinalize), RECORD(Finalized);
     }
-
     // A check that fails returns early; the thread must not outlive the object,
     // nor log its last AboutToStop().
     ~RecordingWorker() override
@@ -55,94 +44,82 @@ public:
         const HangWatch watch(QStringLiteral("the worker thread to finish after Stop()"));
         wait();
     }
-
-protected:
     void Initialize() override
     {
-        QFile comm(QStringLiteral("/proc/self/task/%1/comm").arg(gettid()));
-        record(comm.open(QIODevice::ReadOnly) ? QString::fromLatin1(comm.readAll().trimmed())
-                                              : QStringLiteral("unreadable"));
+        QFile comm(QStringLiteral("/proc/thread-self/comm"));
+        record(QString::fromLatin1(comm.open(QIODevice::ReadOnly) ? comm.readAll().trimmed()
+                                                                  : "?"));
         record(wait() ? QStringLiteral("waited") : QStringLiteral("Initialize"));
     }
     void Finalize() override { record(QStringLiteral("Finalize")); }
 };
+
+#ifdef WITH_NAME_HOOK
+// Logs each name it is given as a word; installed before any threaded object starts.
+static struct NameLog : ThreadNameProxy
+{
+    NameLog() { proxy() = this; }
+    void SetThreadName(const char *name) override { record(QLatin1String(name)); }
+} hook;
+#endif
 
 class tst_TThreadedObject : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void lifecycle_data();
-    void lifecycle();
-};
-
-void tst_TThreadedObject::initTestCase()
-{
-    QCOMPARE(ThreadNameProxy::proxy().load(), nullptr);
-#ifdef WITH_NAME_HOOK
-    static struct : ThreadNameProxy
+    void lifecycle_data()
     {
-        void SetThreadName(const char *name) override { record(QLatin1String(name)); }
-    } hook; // logs each name as a word
-    ThreadNameProxy::proxy() = &hook;
-#endif
-}
-
-void tst_TThreadedObject::lifecycle_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QByteArray>("osName"); // the kernel's: the first 15 bytes in Latin-1
-    QTest::newRow("20 characters, 15 kept")
-            << QStringLiteral("Archive-Packer-No-19") << QByteArray("Archive-Packer-");
-    QTest::newRow("empty") << QString() << QByteArray();
-    QTest::newRow("Latin-1") << QStringLiteral("Zähler") << QByteArray("Z\xe4hler");
-    QTest::newRow("beyond Latin-1") << QStringLiteral("Поток") << QByteArray("?????");
-}
-
-// Before the first start(), wait() returns at once, Stop() only signals, and
-// a call queued to the worker waits for its loop. Each run then tells the hook
-// the whole name, names the thread anew (a new thread has its creator's name),
-// and emits the five signals around the hooks in the worker thread but
-// AboutToStop() in the thread that calls Stop(). Run 0 is stopped once its
-// loop ran the queued call; the others are stopped at once, which may reach
-// the worker before, during or after Initialize(), and still finalises and
-// finishes the thread. (Objects moved into the worker's thread with
-// MoveToThisThread() are in the copy task test, which runs a task there.)
-void tst_TThreadedObject::lifecycle()
-{
-    QFETCH(QString, name);
-    QFETCH(QByteArray, osName);
-    const QString hook = ThreadNameProxy::proxy().load()
-            ? QString::fromLatin1(name.toLatin1() + ' ')
-            : QString();
-    const QString stop = QStringLiteral("main:AboutToStop ");
-    QSemaphore ran; // outlives the worker's thread
-    RecordingWorker worker(name);
-    worker.MoveToThisThread(nullptr); // ignored
-    QVERIFY(worker.wait());
-    worker.Stop();
-    QCOMPARE(std::exchange(eventLog, {}), stop);
-    QMetaObject::invokeMethod(
-            &worker, [&] { record(QStringLiteral("call")), ran.release(); }, Qt::QueuedConnection);
-    for (int run = 0; run < 13; ++run) {
-        QTest::ignoreMessage(QtWarningMsg, "QThread::wait: Thread tried to wait on itself");
-        worker.start();
-        QVERIFY(worker.isRunning() && (run > 0 || ran.tryAcquire(1, 60 * 1000)));
-        worker.Stop();
-        {
-            const HangWatch watch(QStringLiteral("the worker thread of run %1 to finish").arg(run));
-            QVERIFY(worker.wait() && !worker.isRunning() && worker.wait());
-        }
-        QString log = std::exchange(eventLog, {});
-        QCOMPARE(log.count(stop), 1); // at any place in the runs stopped at once
-        QCOMPARE(log.remove(stop),
-                 QStringLiteral("%1AboutToInitialize %2 Initialize Initialized %3AboutToFinalize "
-                                "Finalize Finalized ")
-                         .arg(hook, QString::fromLatin1(osName),
-                              run == 0 ? QStringLiteral("call ") : QString()));
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QByteArray>("osName"); // the kernel's: the first 15 bytes in Latin-1
+        QTest::newRow("20 characters, 15 kept")
+                << QStringLiteral("Archive-Packer-No-19") << QByteArray("Archive-Packer-");
+        QTest::newRow("empty") << QString() << QByteArray();
+        QTest::newRow("Latin-1") << QStringLiteral("Zähler") << QByteArray("Z\xe4hler");
+        QTest::newRow("beyond Latin-1") << QStringLiteral("Поток") << QByteArray("?????");
     }
-}
+
+    // Before the first start(), wait() returns at once, Stop() only signals, and
+    // a call queued to the worker waits for its loop. Each run then tells the hook
+    // the whole name (in Latin-1), names the thread anew (a new thread has its
+    // creator's name), and emits the five signals around the hooks in the worker
+    // thread but AboutToStop() in the thread that calls Stop(). Run 0 is stopped
+    // once its loop ran the queued call; the others are stopped at once, which
+    // may reach the worker before, during or after Initialize(), and still
+    // finalises and finishes the thread. (Objects moved into the worker's thread
+    // with MoveToThisThread() are in the copy task test, which runs a task there.)
+    void lifecycle()
+    {
+        QFETCH(QString, name);
+        QFETCH(QByteArray, osName);
+        const QString stop = QStringLiteral("main:AboutToStop ");
+        QString expected
+                = QStringLiteral("AboutToInitialize %1 Initialize Initialized %2AboutToFinalize "
+                                 "Finalize Finalized ")
+                          .arg(QString::fromLatin1(osName));
+        if (ThreadNameProxy::proxy().load()) // the hook is told first
+            expected.prepend(QString::fromLatin1(name.toLatin1() + ' '));
+        QSemaphore ran; // outlives the worker's thread
+        RecordingWorker worker(name);
+        worker.MoveToThisThread(nullptr),
+                worker.Stop(); // the first ignored, the second only signals
+        QVERIFY(worker.wait() && std::exchange(eventLog, {}) == stop);
+        QMetaObject::invokeMethod(
+                &worker, [&] { record(QStringLiteral("call")), ran.release(); },
+                Qt::QueuedConnection);
+        for (int run = 0; run < 13; ++run) {
+            QTest::ignoreMessage(QtWarningMsg, "QThread::wait: Thread tried to wait on itself");
+            worker.start();
+            QVERIFY(worker.isRunning() && (run > 0 || ran.tryAcquire(1, 60 * 1000)));
+            worker.Stop();
+            const HangWatch watch(QStringLiteral("the worker thread of run %1").arg(run));
+            QVERIFY(worker.wait() && !worker.isRunning() && worker.wait());
+            QCOMPARE(eventLog.count(stop), 1); // at any place in the runs stopped at once
+            QCOMPARE(std::exchange(eventLog, {}).remove(stop),
+                     expected.arg(run ? QString() : QStringLiteral("call ")));
+        }
+    }
+};
 
 QTEST_GUILESS_MAIN(tst_TThreadedObject)
 #include "tst_tthreadedobject.moc"
