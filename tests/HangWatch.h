@@ -39,28 +39,22 @@ public:
                          qPrintable(describe()));
           })
     { }
-    explicit HangWatch(const QString &what, std::chrono::seconds bound = HangBound)
-        : HangWatch([what] { return what; }, bound)
-    { }
+    explicit HangWatch(const QString &what) : HangWatch([what] { return what; }) { }
 
     ~HangWatch()
     {
-        {
-            const std::lock_guard<std::mutex> locker(m_mutex);
-            m_done = true;
-        }
+        std::unique_lock<std::mutex> locker(m_mutex);
+        m_done = true;
         m_ended.notify_one();
+        locker.unlock();
         m_watcher.join();
     }
-
-    HangWatch(const HangWatch &) = delete;
-    HangWatch &operator=(const HangWatch &) = delete;
 
 private:
     std::mutex m_mutex;
     std::condition_variable m_ended;
     bool m_done = false; // guarded by m_mutex
-    std::thread m_watcher; // last: it starts with the fields above ready
+    std::thread m_watcher; // last: it starts with the fields above ready (and makes no copies)
 };
 
 #endif // TRELLIS_HANGWATCH_H

@@ -6,10 +6,7 @@
 #include <QStringList>
 
 #include <atomic>
-#include <functional>
-#include <memory>
-#include <thread>
-#include <vector>
+#include <list>
 
 // Threads that work together on one test, each named and counting its steps,
 // joined with a bound: if one hangs, the program ends with every thread that
@@ -29,51 +26,42 @@ public:
     // Adds a thread named name that is meant to take planned steps.
     void add(const QString &name, int planned, std::function<void(Steps &)> job)
     {
-        m_members.push_back(std::make_unique<Member>(name, planned, std::move(job)));
+        Member &member = m_members.emplace_back();
+        member.name = name, member.planned = planned, member.job = std::move(job);
     }
 
     // Starts every thread, then waits until all have finished.
     void run()
     {
-        for (const auto &member : m_members)
-            member->thread = std::thread([&member = *member] {
-                member.job(member.steps);
-                member.finished = true;
-            });
-        const HangWatch watch([this] { return unfinished(); });
-        for (const auto &member : m_members)
-            member->thread.join();
+        for (Member &member : m_members)
+            member.thread
+                    = std::thread([&member] { member.job(member.steps), member.finished = true; });
+        const HangWatch watch([this] {
+            QStringList running;
+            for (const Member &member : m_members)
+                if (!member.finished)
+                    running << QStringLiteral("%1 at %2 of %3")
+                                       .arg(member.name)
+                                       .arg(member.steps.load())
+                                       .arg(member.planned);
+            return running.join(QStringLiteral(", "));
+        });
+        for (Member &member : m_members)
+            member.thread.join();
         m_members.clear();
     }
 
 private:
     struct Member
     {
-        Member(const QString &name, int planned, std::function<void(Steps &)> job)
-            : name(name), planned(planned), job(std::move(job))
-        { }
-
-        const QString name;
-        const int planned;
-        const std::function<void(Steps &)> job;
+        QString name;
+        int planned = 0;
+        std::function<void(Steps &)> job;
         alignas(64) Steps steps { 0 }; // a line of its own: every step writes it
         std::atomic<bool> finished { false };
         std::thread thread;
     };
-
-    QString unfinished() const
-    {
-        QStringList running;
-        for (const auto &member : m_members)
-            if (!member->finished)
-                running << QStringLiteral("%1 at %2 of %3")
-                                   .arg(member->name)
-                                   .arg(member->steps.load())
-                                   .arg(member->planned);
-        return running.join(QStringLiteral(", "));
-    }
-
-    std::vector<std::unique_ptr<Member>> m_members;
+    std::list<Member> m_members; // a list: its members never move
 };
 
 #endif // TRELLIS_THREADCREW_H

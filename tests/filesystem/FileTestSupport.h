@@ -3,13 +3,7 @@
 
 #include "HangWatch.h"
 
-#include <QDir>
-#include <QDirIterator>
-#include <QFile>
-#include <QFileInfo>
-#include <QMap>
-#include <QProcess>
-#include <QStringList>
+#include <QtCore>
 
 #include <sys/stat.h>
 
@@ -25,8 +19,7 @@ inline QString operator""_s(const char *text, size_t size)
 // Writes contents to path, creating missing parent directories.
 inline bool writeFile(const QString &path, const QByteArray &contents)
 {
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
+    QFile file((QDir().mkpath(QFileInfo(path).absolutePath()), path));
     return file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size();
 }
 
@@ -47,10 +40,10 @@ inline QStringList names(const char *list, char separator = ' ')
 inline bool makeEntries(const QString &root, const QStringList &entries)
 {
     for (const QString &entry : entries) {
-        const int arrow = entry.indexOf(QLatin1String("->"));
-        const QString path = root + u'/' + (arrow > 0 ? entry.left(arrow) : entry);
-        if (!(arrow > 0 ? QDir().mkpath(QFileInfo(path).absolutePath())
-                              && QFile::link(entry.mid(arrow + 2), path)
+        const QStringList link = entry.split(QLatin1String("->"));
+        const QString path = root + u'/' + link[0];
+        if (!(link.size() == 2
+                      ? QDir().mkpath(QFileInfo(path).absolutePath()) && QFile::link(link[1], path)
                       : entry.endsWith(u'/') ? QDir().mkpath(path)
                                              : writeFile(path, entry.toUtf8())))
             return false;
@@ -65,19 +58,11 @@ inline struct stat status(const QString &path)
     ::lstat(QFile::encodeName(path).constData(), &result);
     return result;
 }
-
-inline bool exists(const QString &path)
-{
-    return status(path).st_nlink > 0;
-}
-
-inline mode_t mode(const QString &path)
-{
-    return status(path).st_mode & 07777;
-}
+inline const auto exists = [](const QString &path) { return status(path).st_nlink > 0; };
+inline const auto mode = [](const QString &path) { return status(path).st_mode & 07777; };
 
 // What a tree holds, links not followed: relative path -> mode, modification
-// time and contents, link target or nothing for a directory. Equal snapshots
+// time and contents, or link target. Equal snapshots
 // mean nothing was created, removed or written.
 inline QMap<QString, QString> snapshot(const QString &root)
 {
@@ -89,14 +74,12 @@ inline QMap<QString, QString> snapshot(const QString &root)
     while (it.hasNext()) {
         const QString path = it.next();
         const QFileInfo info = it.fileInfo();
-        const QString what = info.isSymLink() ? info.symLinkTarget()
-                : info.isDir()                ? QString()
-                                              : QString::fromLatin1(readFile(path).toHex());
-        entries.insert(base.relativeFilePath(path),
-                       QStringLiteral("%1 %2 %3")
-                               .arg(mode(path), 0, 8)
-                               .arg(status(path).st_mtime)
-                               .arg(what));
+        entries[base.relativeFilePath(path)]
+                = QStringLiteral("%1 %2 %3")
+                          .arg(mode(path), 0, 8)
+                          .arg(status(path).st_mtime)
+                          .arg(info.isSymLink() ? info.symLinkTarget()
+                                                : QString::fromLatin1(readFile(path).toHex()));
     }
     return entries;
 }
@@ -108,11 +91,10 @@ inline int run(QStringList command, QByteArray *output = nullptr)
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(command.takeFirst(), command);
-    const int bound = int(std::chrono::milliseconds(HangBound).count());
-    const bool finished = process.waitForFinished(bound);
+    const bool finished = process.waitForFinished(int(HangBound.count()) * 1000);
     if (!finished && process.state() != QProcess::NotRunning)
-        qWarning("Still waiting after %d s for %s %s", bound / 1000, qPrintable(process.program()),
-                 qPrintable(process.arguments().join(u' ')));
+        qWarning("Still waiting after %lld s for %s %s", static_cast<long long>(HangBound.count()),
+                 qPrintable(process.program()), qPrintable(command.join(u' ')));
     if (output)
         *output = process.readAll();
     return finished && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;

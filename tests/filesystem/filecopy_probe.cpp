@@ -24,9 +24,8 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 
-namespace {
-
-bool refuseKernelCopy()
+// Makes copy_file_range() fail with ENOSYS in this process.
+static bool refuseKernelCopy()
 {
     struct sock_filter filter[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
@@ -39,25 +38,19 @@ bool refuseKernelCopy()
             && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-} // namespace
-
 int main(int argc, char **argv)
 {
-    if (argc < 3 || argc > 4)
+    struct rlimit fileSize = {};
+    getrlimit(RLIMIT_FSIZE, &fileSize);
+    if (argc == 4)
+        fileSize.rlim_cur = fileSize.rlim_max = std::strtoull(argv[3], nullptr, 10);
+    if (argc < 3 || argc > 4 || std::signal(SIGXFSZ, SIG_IGN) == SIG_ERR
+        || setrlimit(RLIMIT_FSIZE, &fileSize) != 0)
         return 2;
     if (std::getenv("TRELLIS_PROBE_NO_KERNEL_COPY") && !refuseKernelCopy())
         return 3;
-    if (argc == 4) {
-        std::signal(SIGXFSZ, SIG_IGN);
-        const rlim_t limit = std::strtoull(argv[3], nullptr, 10);
-        const struct rlimit fileSize = { limit, limit };
-        if (setrlimit(RLIMIT_FSIZE, &fileSize) != 0)
-            return 2;
-    }
-    const QString source = QString::fromLocal8Bit(argv[1]);
-    const QString destination = QString::fromLocal8Bit(argv[2]);
-    const bool copied = QFileInfo(source).isDir()
-            ? TFileSystemHelper::CopyDir(source, destination)
-            : TFileSystemHelper::FileCopy(source, destination, false);
-    return copied ? 0 : 1;
+    const QString source = QString::fromLocal8Bit(argv[1]),
+                  destination = QString::fromLocal8Bit(argv[2]);
+    return QFileInfo(source).isDir() ? !TFileSystemHelper::CopyDir(source, destination)
+                                     : !TFileSystemHelper::FileCopy(source, destination, false);
 }
