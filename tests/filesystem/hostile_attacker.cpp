@@ -24,51 +24,29 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-namespace {
-
-void ready()
-{
-    std::puts("ready");
-    std::fflush(stdout);
-}
-
-// Moves DIR/name to a hidden name and puts a link to target in its place.
-void swap(const std::string &dir, const std::string &name, const std::string &target)
-{
-    const std::string path = dir + '/' + name;
-    if (rename(path.c_str(), (dir + "/.moved-" + name).c_str()) == 0)
-        symlink(target.c_str(), path.c_str());
-}
-
-int swapDirectories(const std::string &dir, const std::string &target)
+static int swapDirectories(const std::string &dir, const char *target)
 {
     const int events = inotify_init1(IN_CLOEXEC);
-    if (events < 0)
-        return 2;
     const uint32_t mask = IN_OPEN | IN_CLOSE_NOWRITE | IN_DELETE;
     std::map<int, std::string> watched; // watch descriptor -> directory name
-    if (DIR *stream = opendir(dir.c_str())) {
-        while (const dirent *entry = readdir(stream)) {
-            if (entry->d_type == DT_DIR && entry->d_name[0] != '.')
-                watched[inotify_add_watch(events, (dir + '/' + entry->d_name).c_str(), mask)]
-                        = entry->d_name;
-        }
-        closedir(stream);
-    }
     std::set<std::string> toSwap;
-    for (const auto &[wd, name] : watched)
-        toSwap.insert(name);
+    DIR *stream = opendir(dir.c_str());
+    while (const dirent *entry = stream ? readdir(stream) : nullptr)
+        if (entry->d_type == DT_DIR && entry->d_name[0] != '.')
+            toSwap.insert(
+                    watched[inotify_add_watch(events, (dir + '/' + entry->d_name).c_str(), mask)]
+                    = entry->d_name);
     // Watched only now: our own listing above is not the walk's.
-    const int top = inotify_add_watch(events, dir.c_str(), mask);
-    if (top < 0)
+    const int top
+            = stream && closedir(stream) == 0 ? inotify_add_watch(events, dir.c_str(), mask) : -1;
+    if (events < 0 || top < 0)
         return 2;
+    std::puts("ready"), std::fflush(stdout);
     alignas(inotify_event) char buffer[64 * 1024];
-    ready();
-    while (!toSwap.empty()) {
-        const ssize_t size = read(events, buffer, sizeof buffer);
-        if (size <= 0)
+    for (ssize_t size = 0, at = 0; !toSwap.empty(); at = 0) {
+        if ((size = read(events, buffer, sizeof buffer)) <= 0)
             return 0;
-        for (ssize_t at = 0; at < size;) {
+        while (at < size && !toSwap.empty()) {
             const auto *event = reinterpret_cast<const inotify_event *>(buffer + at);
             at += sizeof(inotify_event) + event->len;
             // A directory the walk has just opened is swapped while the walk
@@ -78,34 +56,23 @@ int swapDirectories(const std::string &dir, const std::string &target)
             const auto opened = watched.find(event->wd);
             const bool inside = opened != watched.end() && (event->mask & IN_OPEN)
                     && toSwap.count(opened->second);
-            const std::string name = inside ? opened->second : *toSwap.begin();
-            if (inside || event->wd == top) {
-                toSwap.erase(name);
-                swap(dir, name, target);
-                if (toSwap.empty())
-                    break;
-            }
+            const std::string name = inside ? opened->second : *toSwap.begin(),
+                              path = dir + '/' + name;
+            if ((inside || event->wd == top) && toSwap.erase(name)
+                && rename(path.c_str(), (dir + "/.moved-" + name).c_str()) == 0)
+                symlink(target, path.c_str());
         }
     }
     return 0;
 }
 
-[[noreturn]] void plantLink(const std::string &name, const std::string &target)
-{
-    ready();
-    for (;;)
-        symlink(target.c_str(), name.c_str());
-}
-
-} // namespace
-
 int main(int argc, char **argv)
 {
-    if (argc != 4)
-        return 2;
-    if (std::strcmp(argv[1], "swap-dirs") == 0)
+    if (argc == 4 && std::strcmp(argv[1], "swap-dirs") == 0)
         return swapDirectories(argv[2], argv[3]);
-    if (std::strcmp(argv[1], "plant-link") == 0)
-        plantLink(argv[2], argv[3]);
-    return 2;
+    if (argc != 4 || std::strcmp(argv[1], "plant-link") != 0)
+        return 2;
+    std::puts("ready"), std::fflush(stdout);
+    for (;;)
+        symlink(argv[3], argv[2]);
 }
