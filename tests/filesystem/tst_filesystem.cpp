@@ -222,46 +222,37 @@ private slots:
         QVERIFY(counter.consistent && counter.total == size);
     }
 
+    // Each row: source, destination, the errno name the copy tells, then
+    // what it removes. In the layout made, to-a links to a, hard is a hard
+    // link to a and dir-link links to the directory itself. The old copy goes
+    // under both names even when the source is missing.
     void refused_data()
     {
-        QTest::addColumn<QString>("source");
-        QTest::addColumn<QString>("destination");
-        QTest::addColumn<QString>("error"); // the errno name the copy tells
-        QTest::addColumn<QString>("removed");
-        // In the layout refused() makes, to-a links to a, hard is a hard link
-        // to a and dir-link links to the directory itself. The old copy goes
-        // under both names even when the source is missing.
-        for (const QString &row :
-             names("same path: a a EINVAL|same path, upper-case extension: P.JPG P.JPG EINVAL|"
-                   "destination links to the source: a to-a EINVAL|"
-                   "source links to the destination: to-a a EINVAL|hard link: a hard EINVAL|"
-                   "through a linked directory: a dir-link/a EINVAL|"
-                   "lower-cased extension: P.jpg P.JPG EINVAL|"
-                   "missing destination directory: a no/dir/copy ENOENT|"
-                   "destination is a directory: a out EISDIR|source is a directory: out copy "
-                   "EISDIR|"
-                   "missing source: missing P.JPG ENOENT P.JPG P.jpg",
-                   '|')) {
-            const QStringList words = row.section(u':', 1).split(u' ', Qt::SkipEmptyParts);
-            QTest::newRow(qPrintable(row.section(u':', 0, 0)))
-                    << words[0] << words[1] << words[2] << QStringList(words.mid(3)).join(u' ');
-        }
+        QTest::addColumn<QString>("row");
+        for (const char *row :
+             { "same path: a a EINVAL", "same path, upper-case extension: P.JPG P.JPG EINVAL",
+               "destination links to the source: a to-a EINVAL",
+               "source links to the destination: to-a a EINVAL", "hard link: a hard EINVAL",
+               "through a linked directory: a dir-link/a EINVAL",
+               "lower-cased extension: P.jpg P.JPG EINVAL",
+               "missing destination directory: a no/dir/copy ENOENT",
+               "destination is a directory: a out EISDIR", "source is a directory: out copy EISDIR",
+               "missing source: missing P.JPG ENOENT P.JPG P.jpg" })
+            QTest::newRow(row) << QString::fromLatin1(row).section(u':', 1);
     }
 
     void refused()
     {
-        QFETCH(QString, source);
-        QFETCH(QString, destination);
-        QFETCH(QString, error);
-        QFETCH(QString, removed);
+        QFETCH(QString, row);
+        const QStringList words = row.split(u' ', Qt::SkipEmptyParts);
         QVERIFY(makeEntries("."_s, names("a P.jpg P.JPG to-a->a dir-link->. out/keep"))
                 && ::link("a", "hard") == 0);
         auto expected = snapshot("."_s);
-        for (const QString &entry : removed.split(u' '))
+        for (const QString &entry : words.mid(3))
             expected.remove(entry);
         int cause = 0;
-        QVERIFY(!TFileSystemHelper::FileCopy(source, destination, true, &cause));
-        QCOMPARE(QString::fromLatin1(::strerrorname_np(cause)), error);
+        QVERIFY(!TFileSystemHelper::FileCopy(words[0], words[1], true, &cause));
+        QCOMPARE(QString::fromLatin1(::strerrorname_np(cause)), words[2]);
         QCOMPARE(snapshot("."_s), expected);
     }
 
@@ -368,55 +359,51 @@ private slots:
         QCOMPARE(snapshot("."_s).value("source"_s), sourceBefore);
     }
 
+    // Each row: the entries made besides the common ones | the destination |
+    // the result | what the destination holds after, none when refused |
+    // what the copy says it left out.
     void copyDir_data()
     {
-        QTest::addColumn<QString>("entries"); // made besides the common ones
-        QTest::addColumn<QString>("destination");
-        QTest::addColumn<bool>("result");
-        QTest::addColumn<QString>("copied"); // what the destination holds after; none: refused
-        QTest::addColumn<QString>("leftOut"); // what the copy says it left out
-        const auto row = [](const char *tag, const char *entries, const char *destination,
-                            bool result, const char *copied = "", const char *leftOut = "") {
-            QTest::newRow(tag) << QString::fromUtf8(entries) << QString::fromUtf8(destination)
-                               << result << QString::fromUtf8(copied) << QString::fromUtf8(leftOut);
+        QTest::addColumn<QString>("row");
+        const char *rows[][2] = {
+            // Overlapping trees are refused before anything is written. The
+            // kernel resolves "to-a/.." to src; a lexical reading would not.
+            { "the source itself", "|src|0||" },
+            { "inside, through a link", "|to-src/new|0||" },
+            { "through a link and '..'", "|to-a/../new|0||" },
+            // A linked directory that would be copied into itself is not entered
+            // and counts as a failed subdirectory: its parent's files stay behind.
+            { "link to an ancestor", "src/a/up->..|dest|0|a a/inner a/inner/g b b/h old|" },
+            { "link to the destination",
+              "src/a/o->../../dest|dest|0|a a/inner a/inner/g b b/h old|" },
+            // dest/a leads to src/b: copying src/a there would overwrite src/b.
+            { "destination link into the source", "dest/a->../src/b|dest|0|a b b/h old|" },
+            // A file copy cannot replace a directory with contents.
+            { "failing file",
+              "dest/a/f/blocker|dest|0|a a/f a/f/blocker a/g a/inner a/inner/g b b/h old|" },
+            { "merged into the destination",
+              "dest/top|dest|1|a a/f a/g a/inner a/inner/g b b/h old top|" },
+            // Names with a dot in front stay behind; links are copied as what
+            // they lead to, but for a broken one; missing parents are made.
+            { "new destination, links and hidden names",
+              "src/.hidden src/.hiddendir/f src/empty/ src/to-top->top src/broken->missing "
+              "src/linked-dir->../ext "
+              "ext/e.txt|new/parents/dest|1|a a/f a/g a/inner a/inner/g b b/h empty linked-dir "
+              "linked-dir/e.txt "
+              "to-top top|src/.hidden src/.hiddendir src/broken" },
         };
-        // Overlapping trees are refused before anything is written. The kernel
-        // resolves "to-a/.." to src; a lexical reading would not.
-        row("the source itself", "", "src", false);
-        row("inside the source", "", "src/a/new", false);
-        row("inside, through a link", "", "to-src/new", false);
-        row("through a link and '..'", "", "to-a/../new", false);
-        // A linked directory that would be copied into itself is not entered
-        // and counts as a failed subdirectory: its parent's files stay behind.
-        row("link to an ancestor", "src/a/up->..", "dest", false, "a a/inner a/inner/g b b/h old");
-        row("link to the destination", "src/a/o->../../dest", "dest", false,
-            "a a/inner a/inner/g b b/h old");
-        // dest/a leads to src/b: copying src/a there would overwrite src/b.
-        row("destination link into the source", "dest/a->../src/b", "dest", false, "a b b/h old");
-        // A file copy cannot replace a directory with contents.
-        row("failing file", "dest/a/f/blocker", "dest", false,
-            "a a/f a/f/blocker a/g a/inner a/inner/g b b/h old");
-        row("merged into the destination", "dest/top", "dest", true,
-            "a a/f a/g a/inner a/inner/g b b/h old top");
-        // Names with a dot in front stay behind; links are copied as what
-        // they lead to, but for a broken one; missing parents are made.
-        row("new destination, links and hidden names",
-            "src/.hidden src/.hiddendir/f src/empty/ src/to-top->top src/broken->missing "
-            "src/linked-dir->../ext ext/e.txt",
-            "new/parents/dest", true,
-            "a a/f a/g a/inner a/inner/g b b/h empty linked-dir linked-dir/e.txt to-top top",
-            "src/.hidden src/.hiddendir src/broken");
+        for (const auto &row : rows)
+            QTest::newRow(row[0]) << QString::fromUtf8(row[1]);
     }
 
     // The source is never changed. What is copied is a real file or
     // directory with the source's contents, stamped; diff -r agrees.
     void copyDir()
     {
-        QFETCH(QString, entries);
-        QFETCH(QString, destination);
-        QFETCH(bool, result);
-        QFETCH(QString, copied);
-        QFETCH(QString, leftOut);
+        QFETCH(QString, row);
+        const QStringList part = row.split(u'|');
+        const QString entries = part[0], destination = part[1], copied = part[3], leftOut = part[4];
+        const bool result = part[2] == u'1';
         QVERIFY(makeEntries(
                 "."_s,
                 (entries
