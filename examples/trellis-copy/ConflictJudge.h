@@ -5,16 +5,14 @@
 
 class QFileInfo;
 
-/*!
-    Decides a conflict by a rule that needs no one to ask: overwrite, skip,
-    or compare the source with its existing destination (newer: the source
-    was modified later; different: size or modification time differ). A
-    directory item is compared by its own size and modification time.
-*/
+//! Decides a conflict by a rule that needs no one to ask.
 class ConflictJudge
 {
 public:
-    //! Whether \a rule (not Ask) overwrites \a destination with \a source.
+    /*!
+        Whether \a rule overwrites \a destination with \a source. A directory
+        is compared by its own size and modification time.
+    */
     static bool Overwrites(CommandLine::ConflictRule rule, const QFileInfo &source,
                            const QFileInfo &destination);
 };

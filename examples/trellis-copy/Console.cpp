@@ -10,14 +10,25 @@ const char EraseLine[] = "\r\033[K";
 
 } // namespace
 
-Console::Console(QObject *parent) : QObject(parent), m_live(::isatty(STDOUT_FILENO) == 1) { }
+Console::Console(QObject *parent) : QObject(parent), m_live(::isatty(STDOUT_FILENO) == 1)
+{
+    // A log gets its first line after a second, so that a short copy adds none.
+    if (!m_live)
+        m_sinceStatus.start();
+}
 
 int Console::Width()
 {
     struct winsize size = {};
-    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
-        return size.ws_col;
-    return 80;
+    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+bool Console::StatusDue()
+{
+    if (m_sinceStatus.isValid() && m_sinceStatus.elapsed() < (m_live ? 100 : 1000))
+        return false;
+    m_sinceStatus.start();
+    return true;
 }
 
 void Console::ShowStatus(const QString &line)

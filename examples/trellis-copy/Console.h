@@ -1,17 +1,14 @@
 #ifndef TRELLIS_COPY_CONSOLE_H
 #define TRELLIS_COPY_CONSOLE_H
 
+#include <QElapsedTimer>
 #include <QObject>
-#include <QString>
 
 /*!
-    Standard output and error of trellis-copy: a status line kept on
-    standard output, and whole lines written to either stream.
-
-    On a terminal the status line is redrawn in place (carriage return and
-    clear to the end of the line) and erased before any other output;
-    otherwise each status line is a plain line. A write that fails (a
-    closed pipe, a full disk) is announced once per stream, through
+    Standard output and error: whole lines to either, and a status line on
+    standard output, redrawn in place on a terminal at most ten times a
+    second and erased before other output, otherwise a plain line at most
+    once a second. A failed write is announced once per stream through
     WriteFailed(), and that stream is written no more.
 */
 class Console : public QObject
@@ -21,18 +18,16 @@ class Console : public QObject
 public:
     explicit Console(QObject *parent = nullptr);
 
-    //! Whether standard output is a terminal, where the status line is redrawn in place.
-    bool isLive() const { return m_live; }
     //! The terminal's width in columns, 80 when it cannot be told.
     static int Width();
+    bool isLive() const { return m_live; }
 
-    //! Shows \a line as the status line.
+    //! Whether a status line is due now; if so, the next is due an interval later.
+    bool StatusDue();
     void ShowStatus(const QString &line);
-    //! Erases the status line, so that other output starts on a clean line.
     void ClearStatus();
-    //! Writes \a text and a line end to standard output.
     void Print(const QString &text);
-    //! Writes \a text and a line end to standard error, or standard output if that failed.
+    //! Writes \a text to standard error, or to standard output if that failed.
     void Error(const QString &text);
 
 signals:
@@ -45,6 +40,7 @@ private:
     const bool m_live;
     bool m_statusShown = false;
     bool m_broken[3] = {};
+    QElapsedTimer m_sinceStatus;
 };
 
 #endif // TRELLIS_COPY_CONSOLE_H

@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -17,20 +18,18 @@ CopyAftercare::CopyAftercare(bool keepLibraryAttributes, bool keepIncomplete, Co
 
 void CopyAftercare::Finished(const QFileInfo &source, const QString &copy) const
 {
-    if (m_keepLibraryAttributes)
-        return;
     struct stat status;
-    const QByteArray copyName = QFile::encodeName(copy);
-    bool done = ::stat(QFile::encodeName(source.absoluteFilePath()).constData(), &status) == 0;
-    if (done) {
-        const struct timespec times[2] = { status.st_atim, status.st_mtim };
-        done = ::chmod(copyName.constData(), status.st_mode & 0777) == 0
-                && ::utimensat(AT_FDCWD, copyName.constData(), times, 0) == 0;
-    }
-    if (!done)
-        m_console.Error(QStringLiteral("trellis-copy: cannot give %1 the permissions and time of "
-                                       "its source: %2")
-                                .arg(copy, QString::fromLocal8Bit(std::strerror(errno))));
+    const QByteArray name = QFile::encodeName(copy);
+    if (m_keepLibraryAttributes
+        || (::stat(QFile::encodeName(source.absoluteFilePath()).constData(), &status) == 0
+            && ::chmod(name.constData(), status.st_mode & 0777) == 0
+            && ::utimensat(AT_FDCWD, name.constData(),
+                           std::array<timespec, 2> { status.st_atim, status.st_mtim }.data(), 0)
+                    == 0))
+        return;
+    m_console.Error(QStringLiteral("trellis-copy: cannot give %1 the permissions and time of its "
+                                   "source: %2")
+                            .arg(copy, QString::fromLocal8Bit(std::strerror(errno))));
 }
 
 void CopyAftercare::Failed(const QFileInfo &source, const QString &copy) const
@@ -42,11 +41,9 @@ void CopyAftercare::Failed(const QFileInfo &source, const QString &copy) const
         || written.st_size >= original.st_size
         || (written.st_dev == original.st_dev && written.st_ino == original.st_ino))
         return;
-    if (m_keepIncomplete)
-        m_console.Error(QStringLiteral("trellis-copy: kept the incomplete copy %1").arg(copy));
-    else if (QFile::remove(copy))
-        m_console.Error(QStringLiteral("trellis-copy: removed the incomplete copy %1").arg(copy));
-    else
-        m_console.Error(
-                QStringLiteral("trellis-copy: cannot remove the incomplete copy %1").arg(copy));
+    const char *const done = m_keepIncomplete ? "kept"
+            : QFile::remove(copy)             ? "removed"
+                                              : "cannot remove";
+    m_console.Error(QStringLiteral("trellis-copy: %1 the incomplete copy %2")
+                            .arg(QLatin1String(done), copy));
 }

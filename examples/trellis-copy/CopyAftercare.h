@@ -7,26 +7,17 @@ class Console;
 class QFileInfo;
 
 /*!
-    What trellis-copy does to a copy once the copy task is done with it: a
-    finished copy gets its source's permission bits and access and
-    modification times, unless the library's own are to be kept, and an
-    incomplete one, left by a failure or a stop, is removed, unless it is
-    to be kept. Either is said on the console when it fails; a removal (or
-    a copy kept) is said always.
+    What becomes of a copy once the copy task is done with it: a finished
+    one gets its source's permission bits and times (unless the library's
+    are kept), an incomplete one is removed (unless kept), and says so.
 */
 class CopyAftercare
 {
 public:
     CopyAftercare(bool keepLibraryAttributes, bool keepIncomplete, Console &console);
 
-    //! Gives \a copy, just finished, the attributes of \a source.
     void Finished(const QFileInfo &source, const QString &copy) const;
-
-    /*!
-        Removes \a copy after its copy from \a source failed or was stopped,
-        if it is incomplete: a regular file shorter than the source, and not
-        the source itself (the task refuses to copy a file onto itself).
-    */
+    //! Removes \a copy if it is a regular file shorter than \a source, and not \a source itself.
     void Failed(const QFileInfo &source, const QString &copy) const;
 
 private:

@@ -17,20 +17,15 @@ void CopyBatch::Append(const QFileInfo &item, const QList<QFileInfo> &entries)
         m_bytes += entry.size();
 }
 
-int CopyBatch::IndexOf(const QFileInfo &item) const
-{
-    return m_indexes.value(item.absoluteFilePath(), -1);
-}
-
-QList<QFileInfo> CopyBatch::TaskSources() const
+void CopyBatch::CopyWith(TFileCopyTask &task) const
 {
     QList<QFileInfo> sources;
-    sources.reserve(m_items.size());
     // Fresh objects: the task's thread fills in their cached status while
     // this thread keeps using the items. The task works from the end.
     for (auto item = m_items.crbegin(); item != m_items.crend(); ++item)
         sources.append(QFileInfo(item->absoluteFilePath()));
-    return sources;
+    // Only hands the batch over and queues the pass; callable from any thread.
+    task.CopyFiles(sources, m_sourcePrefix, m_destinationPrefix, 0);
 }
 
 QString CopyBatch::DestinationPath(const QFileInfo &entry) const

@@ -3,52 +3,45 @@
 
 #include <QFileInfo>
 #include <QHash>
-#include <QList>
-#include <QString>
+
+class TFileCopyTask;
 
 /*!
-    What one TFileCopyTask::CopyFiles() call copies: work items, each copied
-    as a source of its own (depth 0), the prefixes that place them, and
-    every entry that the items hold, as the task's plan gives them.
-
-    Items and entries are kept in the order they are copied.
+    What one TFileCopyTask::CopyFiles() call copies: work items, each a
+    source of its own (depth 0), the prefixes that place them, and the
+    entries they hold as TFileCopyTask::Entries() gives them, all in the
+    order they are copied.
 */
 class CopyBatch
 {
 public:
-    /*!
-        A batch whose items go where \a sourcePrefix (a regular expression,
-        as CopyFiles() takes it) is replaced by \a destinationPrefix.
-    */
+    //! \a sourcePrefix is a regular expression, as CopyFiles() takes it.
     CopyBatch(const QString &sourcePrefix, const QString &destinationPrefix);
 
-    //! Appends \a item, which holds \a entries (TFileCopyTask::Entries()).
     void Append(const QFileInfo &item, const QList<QFileInfo> &entries);
 
     QString sourcePrefix() const { return m_sourcePrefix; }
-    QString destinationPrefix() const { return m_destinationPrefix; }
     const QList<QFileInfo> &items() const { return m_items; }
     const QList<QFileInfo> &entries() const { return m_entries; }
-    //! The batch's size as the task measures it: every entry's size, directories included.
+    //! The size as the task measures it: every entry's, directories included.
     qint64 bytes() const { return m_bytes; }
 
     //! The index of \a item in items(), or -1.
-    int IndexOf(const QFileInfo &item) const;
-    //! The range of the entries of the item at \a index: [first, end).
+    int IndexOf(const QFileInfo &item) const
+    {
+        return m_indexes.value(item.absoluteFilePath(), -1);
+    }
+    //! The entries of the item at \a index are [FirstEntry(index), EndEntry(index)).
     int FirstEntry(int index) const { return m_itemStarts.at(index); }
     int EndEntry(int index) const { return m_itemStarts.at(index + 1); }
 
-    //! The sources for CopyFiles(): the items, last first, as fresh objects.
-    QList<QFileInfo> TaskSources() const;
+    //! Hands the batch to \a task.
+    void CopyWith(TFileCopyTask &task) const;
 
-    //! Where \a entry goes: TFileCopyTask::DestinationPath() with this batch's prefixes.
     QString DestinationPath(const QFileInfo &entry) const;
-    //! The name the copy of \a entry is written under: for a file, with its extension lower-cased.
+    //! The name the copy of \a entry is written under: a file's with its extension lower-cased.
     QString WrittenPath(const QFileInfo &entry) const;
-    /*!
-        The destination of \a item that exists, under its written name or
-        its own, or an empty string when neither exists.
-    */
+    //! The destination of \a item that exists, under its written name or its own, or "".
     QString ExistingDestination(const QFileInfo &item) const;
 
 private:

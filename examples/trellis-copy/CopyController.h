@@ -8,69 +8,49 @@
 #include "CopyQuestions.h"
 #include "CopyTally.h"
 #include "CopyThread.h"
-#include "ProgressLine.h"
 
 #include <Trellis/TFileCopyTask.h>
 
-#include <QObject>
-
-#include <atomic>
 #include <memory>
 
 /*!
-    Runs one trellis-copy request: plans it in the worker thread, hands the
-    copy task living there one batch after the other, decides each conflict
-    by the rule in force or through the user, reports failures with their
-    causes, shows the progress and ends with a summary and an exit code.
+    Runs one request: plans it in the worker thread, hands the copy task
+    there one batch after the other, decides each conflict by the rule in
+    force or through the user, reports failures with their causes, shows
+    the progress and ends with a summary and an exit code.
 
-    It lives in the main thread and talks to the task only through queued
-    connections and queued invocations, except for Stop(), which must reach
-    a running pass directly. The task always asks: every conflict comes
-    here, so that a collision within the run is never overwritten by an
-    "all" rule.
+    It talks to the task through queued connections and invocations only,
+    except for Stop(), which must reach a running pass directly. The task
+    always asks, so that a collision within the run is never overwritten
+    by an "all" rule.
 */
 class CopyController : public QObject
 {
     Q_OBJECT
 
 public:
-    //! Prepares the copy that \a request describes; Start() begins it.
     explicit CopyController(const CommandLine &request, QObject *parent = nullptr);
-
-    //! Stops the worker thread and waits for it before the task goes.
     ~CopyController() override;
 
-    /*!
-        Whether the plan is still being made in the worker thread. The walk
-        writes nothing and cannot be interrupted, so a program that ended
-        meanwhile need not wait for it.
-    */
+    //! Whether the plan is still being made; the walk writes nothing, so need not be waited for.
     bool isPlanning() const { return m_planning; }
 
 public slots:
-    //! Creates DEST and plans the copy in the worker thread.
     void Start();
-
-    /*!
-        Stops the copy for the POSIX signal \a signalNumber: exit code 130
-        for SIGINT, 1 for the others, once the running pass has stopped.
-    */
+    //! Stops for the POSIX signal \a signalNumber: exit code 130 for SIGINT, 1 for the others.
     void OnSignal(int signalNumber);
 
 signals:
-    //! Emitted once, after the summary, with the exit code.
+    //! Emitted once, after the summary.
     void Finished(int exitCode);
 
 private:
     void OnPlanned(const std::shared_ptr<const CopyPlan> &plan);
     void StartBatch();
-    void OnProgress(int percent);
-    void OnFileCopied(const QFileInfo &entry);
     void OnEntryFailed(const QFileInfo &entry, int error);
     void OnState(int state, const QFileInfo &item);
     void OnConflict(const QFileInfo &item);
     void OnConflictAnswered(CopyQuestions::ConflictAnswer answer, const QString &renameTo);
-    void OnFailureAnswered(CopyQuestions::FailureAnswer answer);
     void Decide(const QFileInfo &item);
     void Skip(const QFileInfo &item, bool failed = false);
     void Rename(const QFileInfo &item, const QString &renameTo);
@@ -81,11 +61,10 @@ private:
     void Finish(int exitCode, const QString &verdict);
 
     const CopyBatch &batch() const { return m_batches.at(m_batchIndex); }
-    int EntriesOf(int item) const { return batch().EndEntry(item) - batch().FirstEntry(item); }
+    bool verbose() const { return m_request.verbosity() == CommandLine::Verbose; }
 
     const CommandLine m_request;
-    // The rule for conflicts: the preset, or what an "all" answer set.
-    CommandLine::ConflictRule m_rule;
+    CommandLine::ConflictRule m_rule; // the preset, or what an "all" answer set
     bool m_continueAfterFailures;
 
     // Declared before the thread, so destroyed after it has finished.
@@ -94,7 +73,6 @@ private:
     std::atomic<bool> m_stopWanted { false };
 
     Console m_console;
-    ProgressLine m_progressLine;
     CopyQuestions m_questions;
     CopyTally m_tally;
     CopyAftercare m_aftercare;
@@ -103,7 +81,6 @@ private:
     QList<CopyBatch> m_batches; // the plan's, and those of renamed items
     int m_batchIndex = -1;
     int m_renamesInBatch = 0;
-    qint64 m_totalBytes = 0;
     qint64 m_bytesBefore = 0; // of the batches done
     int m_percent = 0; // of the current batch
     int m_cursor = 0; // the entry being copied, in batch().entries()
@@ -111,10 +88,9 @@ private:
 
     bool m_planning = false;
     bool m_passRunning = false;
-    bool m_stopping = false;
     bool m_finished = false;
     int m_stopExitCode = 1;
-    QString m_stopVerdict;
+    QString m_stopVerdict; // set once a stop is under way
 };
 
 #endif // TRELLIS_COPY_COPYCONTROLLER_H

@@ -1,6 +1,6 @@
 #include "CopyPlan.h"
 
-#include "CommandLine.h"
+#include "ConflictJudge.h"
 
 #include <Trellis/TFileCopyTask.h>
 
@@ -74,10 +74,46 @@ void CopyPlan::FindCollisions(QList<QList<Item>> &items)
     }
 }
 
-qint64 CopyPlan::bytes() const
+QStringList CopyPlan::DryRun(CommandLine::ConflictRule rule) const
 {
-    qint64 sum = 0;
-    for (const CopyBatch &batch : m_batches)
-        sum += batch.bytes();
-    return sum;
+    QStringList lines;
+    int copies = 0, questions = 0, overwrites = 0, skips = 0, collisions = 0;
+    for (const CopyBatch &batch : m_batches) {
+        for (int index = 0; index < batch.items().size(); ++index) {
+            const QFileInfo &item = batch.items().at(index);
+            const QString existing = batch.ExistingDestination(item);
+            const QString first = CollidesWith(item);
+            QString fate;
+            if (!first.isEmpty()) {
+                ++collisions;
+                fate = QStringLiteral("collides with %1 at").arg(first);
+            } else if (existing.isEmpty()) {
+                for (int entry = batch.FirstEntry(index); entry < batch.EndEntry(index); ++entry)
+                    lines.append(QStringLiteral("%1 -> %2")
+                                         .arg(batch.entries().at(entry).absoluteFilePath(),
+                                              batch.WrittenPath(batch.entries().at(entry))));
+                copies += batch.EndEntry(index) - batch.FirstEntry(index);
+                continue;
+            } else if (rule == CommandLine::Ask) {
+                ++questions;
+                fate = QStringLiteral("would be asked about, exists at");
+            } else if (ConflictJudge::Overwrites(rule, item, QFileInfo(existing))) {
+                ++overwrites;
+                fate = QStringLiteral("would overwrite");
+            } else {
+                ++skips;
+                fate = QStringLiteral("would be skipped, exists at");
+            }
+            lines.append(QStringLiteral("%1 %2 %3")
+                                 .arg(item.absoluteFilePath(), fate, batch.WrittenPath(item)));
+        }
+    }
+    return lines << QStringLiteral(
+                            "Dry run, nothing copied: %1 entries to copy, %2 conflicts to ask "
+                            "about, %3 to overwrite, %4 to skip, %5 colliding names")
+                            .arg(copies)
+                            .arg(questions)
+                            .arg(overwrites)
+                            .arg(skips)
+                            .arg(collisions);
 }

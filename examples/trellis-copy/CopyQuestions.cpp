@@ -1,10 +1,15 @@
 #include "CopyQuestions.h"
 
-#include "ProgressLine.h"
+#include "CopyTally.h"
 
 #include <QDateTime>
 #include <QFileInfo>
+#include <QSocketNotifier>
 
+#include <cerrno>
+#include <cstdio>
+#include <termios.h>
+#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -35,19 +40,22 @@ int Meaning(const QString &text, const QStringList &words)
 
 CopyQuestions::CopyQuestions(QObject *parent) : QObject(parent)
 {
-    connect(&m_prompt, &TerminalPrompt::Answered, this, &CopyQuestions::OnAnswered);
-    connect(&m_prompt, &TerminalPrompt::Closed, this, &CopyQuestions::OnClosed);
+    if (!CanAsk())
+        return;
+    m_notifier = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, this);
+    m_notifier->setEnabled(false);
+    connect(m_notifier, &QSocketNotifier::activated, this, &CopyQuestions::ReadInput);
 }
 
 bool CopyQuestions::CanAsk()
 {
-    return TerminalPrompt::IsInteractive();
+    return ::isatty(STDIN_FILENO) == 1;
 }
 
 QString CopyQuestions::Facts(const QFileInfo &file)
 {
     return QStringLiteral("%1, modified %2")
-            .arg(file.isDir() ? QStringLiteral("directory") : ProgressLine::Bytes(file.size()),
+            .arg(file.isDir() ? QStringLiteral("directory") : CopyTally::Bytes(file.size()),
                  file.lastModified().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")));
 }
 
@@ -66,18 +74,57 @@ void CopyQuestions::AskFailure()
 void CopyQuestions::Cancel()
 {
     m_open = Open::None;
-    m_prompt.Cancel();
+    if (m_notifier)
+        m_notifier->setEnabled(false);
 }
 
 void CopyQuestions::Ask(Open question, const QString &text)
 {
     m_open = question;
-    m_prompt.Ask(text);
+    std::fputs(qPrintable(text), stderr);
+    std::fflush(stderr);
+    if (!m_notifier)
+        OnClosed();
+    // Lines typed ahead wait in the terminal, or here when one read brought more than one.
+    else if (!DeliverLine())
+        m_notifier->setEnabled(true);
+}
+
+void CopyQuestions::ReadInput()
+{
+    char bytes[4096];
+    const ssize_t count = ::read(STDIN_FILENO, bytes, sizeof bytes);
+    if (count < 0 && (errno == EINTR || errno == EAGAIN))
+        return;
+    if (count <= 0) {
+        m_notifier->setEnabled(false);
+        OnClosed();
+        return;
+    }
+    m_input.append(bytes, int(count));
+    DeliverLine();
+}
+
+bool CopyQuestions::DeliverLine()
+{
+    const int end = m_input.indexOf('\n');
+    if (end < 0)
+        return false;
+    const QString line = QString::fromLocal8Bit(m_input.left(end)).trimmed();
+    m_input.remove(0, end + 1);
+    m_notifier->setEnabled(false);
+    // With the terminal's echo off (as under a driving script) the answer
+    // would otherwise be missing from the transcript.
+    struct termios mode;
+    if (::tcgetattr(STDIN_FILENO, &mode) == 0 && !(mode.c_lflag & ECHO))
+        std::fprintf(stderr, "%s\n", qPrintable(line));
+    OnAnswered(line);
+    return true;
 }
 
 void CopyQuestions::OnAnswered(const QString &line)
 {
-    // The first letters of the answers, in the order of the enums; "w" for newer.
+    // In the order of the enums; "w" for newer.
     static const QStringList conflictWords
             = { QStringLiteral("overwrite"), QStringLiteral("all|overwrite all"),
                 QStringLiteral("skip"),      QStringLiteral("none|skip all"),

@@ -1,20 +1,16 @@
 #ifndef TRELLIS_COPY_COPYQUESTIONS_H
 #define TRELLIS_COPY_COPYQUESTIONS_H
 
-#include "TerminalPrompt.h"
-
 #include <QObject>
-#include <QString>
 
 class QFileInfo;
+class QSocketNotifier;
 
 /*!
-    The questions that trellis-copy asks its user, and the answers it
-    understands: a word or its first letter, in any case.
-
-    Each question is answered through one signal once a valid answer has
-    been read; an answer that is not understood repeats the question. The
-    end of input answers quit.
+    The questions asked on standard error, with their answers read a line
+    at a time from standard input, a terminal, without blocking the event
+    loop. An answer is a word or its first letter, in any case; one not
+    understood repeats the question, and the end of input answers quit.
 */
 class CopyQuestions : public QObject
 {
@@ -28,40 +24,38 @@ public:
 
     explicit CopyQuestions(QObject *parent = nullptr);
 
-    //! Whether questions can be asked: standard input is a terminal.
+    //! Whether standard input is a terminal, so that there is someone to ask.
     static bool CanAsk();
-
-    //! "size, modified date and time" of \a file, for questions and listings.
+    //! "size, modified date and time" of \a file.
     static QString Facts(const QFileInfo &file);
 
     /*!
-        Asks what to do about a conflict that \a situation describes (ending
-        with a line end). For a rename, asks next for the new name or
-        destination prefix; an empty answer goes back to the first question.
+        Asks about the conflict that \a situation (ending with a line end)
+        describes; a rename asks next for the new name or prefix.
     */
     void AskConflict(const QString &situation);
-
-    //! Asks whether to go on after an entry could not be copied.
     void AskFailure();
-
     //! Drops the open question, if any; nothing is emitted for it.
     void Cancel();
 
 signals:
-    //! The answer to AskConflict(); \a renameTo is the text given for Rename only.
+    //! \a renameTo is the text given for Rename only.
     void ConflictAnswered(CopyQuestions::ConflictAnswer answer, const QString &renameTo);
     void FailureAnswered(CopyQuestions::FailureAnswer answer);
 
 private:
     enum class Open { None, Conflict, RenameTo, Failure };
 
+    void Ask(Open question, const QString &text);
+    void ReadInput();
+    bool DeliverLine();
     void OnAnswered(const QString &line);
     void OnClosed();
-    void Ask(Open question, const QString &text);
 
-    TerminalPrompt m_prompt;
+    QSocketNotifier *m_notifier = nullptr; // on standard input, enabled while a question is open
+    QByteArray m_input;
     Open m_open = Open::None;
-    QString m_question; // the open question, asked again after a rename is taken back
+    QString m_question; // asked again after a rename is taken back
 };
 
 #endif // TRELLIS_COPY_COPYQUESTIONS_H

@@ -5,12 +5,11 @@
 
 #include <QElapsedTimer>
 #include <QMap>
-#include <QString>
 
 /*!
-    The counts of a trellis-copy run: entries copied, skipped, failed and
-    left out, the last by the reason the copy task's rules give, and the
-    summary line that reports them.
+    The figures of a run, from its start: entries copied, skipped, failed
+    and left out, bytes in all, and the two lines that report them, the
+    progress line and the summary.
 */
 class CopyTally
 {
@@ -20,16 +19,22 @@ public:
     int copied = 0;
     int skipped = 0;
     int failed = 0;
+    qint64 totalBytes = 0;
 
     void AddLeftOut(TFileCopyNotifier::LeftOutReason reason) { ++m_leftOut[reason]; }
-
-    //! What \a reason means, for one entry: "a hidden name", "a FIFO", ...
+    //! "a hidden name", "a FIFO", ...
     static QString Describe(TFileCopyNotifier::LeftOutReason reason);
+    //! Bytes in human units, such as "1.5 GiB".
+    static QString Bytes(qint64 bytes);
 
     /*!
-        "Verdict: 5 copied, 1 skipped, 0 failed in 0.20 s; left out: 3
-        hidden names, 1 FIFO", the last part only when something was left
-        out, with a pointer to --verbose unless \a listed.
+        Bytes done and in all, percentage, rate, time left, the counts and
+        \a entry, shortened in the middle to fit \a width when \a fit.
+    */
+    QString ProgressLine(qint64 doneBytes, const QString &entry, int width, bool fit) const;
+    /*!
+        "Done: 5 copied, 1 skipped, 0 failed in 0.20 s; left out: 3 hidden
+        names", with a pointer to --verbose unless \a listed.
     */
     QString Summary(const QString &verdict, bool listed) const;
 

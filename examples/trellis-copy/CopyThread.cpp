@@ -2,12 +2,6 @@
 
 CopyThread::CopyThread() : TThreadedObject(QStringLiteral("trellis-copy")) { }
 
-CopyThread::~CopyThread()
-{
-    Stop();
-    wait();
-}
-
 void CopyThread::Initialize() { }
 
 void CopyThread::Finalize() { }

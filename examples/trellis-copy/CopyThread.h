@@ -3,20 +3,13 @@
 
 #include <Trellis/TThreadedObject.h>
 
-/*!
-    The worker thread that the copy task is moved into, so that the main
-    thread stays free for the terminal while files are copied. It needs no
-    set-up of its own: the task brings everything it uses.
-*/
+//! The worker thread the copy task lives in; the task needs no set-up of its own.
 class CopyThread : public TThreadedObject
 {
     Q_OBJECT
 
 public:
     CopyThread();
-
-    //! Stops the worker thread and waits for it.
-    ~CopyThread() override;
 
 protected:
     void Initialize() override;

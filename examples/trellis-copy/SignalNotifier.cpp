@@ -1,5 +1,7 @@
 #include "SignalNotifier.h"
 
+#include <QSocketNotifier>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -11,8 +13,7 @@ namespace {
 
 const int CaughtSignals[] = { SIGINT, SIGTERM, SIGHUP, SIGPIPE };
 
-// The write end of the pipe, read by the handler.
-std::atomic<int> signalPipe { -1 };
+std::atomic<int> signalPipe { -1 }; // the write end
 
 extern "C" void OnSignal(int signalNumber)
 {
@@ -29,8 +30,8 @@ SignalNotifier::SignalNotifier(QObject *parent) : QObject(parent)
     if (::pipe2(m_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
         qFatal("trellis-copy: cannot create the signal pipe");
     signalPipe.store(m_pipe[1]);
-    m_notifier = new QSocketNotifier(m_pipe[0], QSocketNotifier::Read, this);
-    connect(m_notifier, &QSocketNotifier::activated, this, &SignalNotifier::Drain);
+    connect(new QSocketNotifier(m_pipe[0], QSocketNotifier::Read, this),
+            &QSocketNotifier::activated, this, &SignalNotifier::Drain);
 
     for (const int signalNumber : CaughtSignals) {
         struct sigaction action = {};

@@ -30,22 +30,19 @@ int main(int argc, char *argv[])
     OpenClosedStandardStreams();
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("trellis-copy"));
-    QCoreApplication::setApplicationVersion(QStringLiteral(TRELLIS_VERSION_STRING));
 
     const CommandLine request(QCoreApplication::arguments());
-    switch (request.outcome()) {
-    case CommandLine::ShowHelp:
-        std::fputs(qPrintable(request.helpText()), stdout);
-        return std::fflush(stdout) == 0 ? 0 : 1;
-    case CommandLine::ShowVersion:
-        std::printf("trellis-copy %s\n", TRELLIS_VERSION_STRING);
-        return std::fflush(stdout) == 0 ? 0 : 1;
-    case CommandLine::UsageError:
+    if (request.outcome() == CommandLine::UsageError) {
         std::fprintf(stderr, "trellis-copy: %s\nTry 'trellis-copy --help' for more.\n",
                      qPrintable(request.error()));
         return 2;
-    case CommandLine::Copy:
-        break;
+    }
+    if (request.outcome() != CommandLine::Copy) {
+        std::fputs(request.outcome() == CommandLine::ShowHelp
+                           ? qPrintable(request.helpText())
+                           : "trellis-copy " TRELLIS_VERSION_STRING "\n",
+                   stdout);
+        return std::fflush(stdout) == 0 ? 0 : 1;
     }
 
     SignalNotifier notifier;
