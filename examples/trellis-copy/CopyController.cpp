@@ -1,11 +1,8 @@
 #include "CopyController.h"
 
-#include "ConflictJudge.h"
-
 #include <Trellis/TFileCopyNotifier.h>
 
 #include <QDir>
-#include <QRegExp>
 
 #include <cerrno>
 #include <csignal>
@@ -32,17 +29,7 @@ CopyController::CopyController(const CommandLine &request, QObject *parent)
                 ShowProgress();
             },
             Qt::QueuedConnection);
-    connect(
-            &m_task, &TFileCopyTask::FileCopied, this,
-            [this](const QFileInfo &entry) {
-                ++m_tally.copied;
-                Advance(entry);
-                const QString copy = batch().WrittenPath(entry);
-                if (verbose())
-                    m_console.Print(QStringLiteral("%1 -> %2").arg(entry.absoluteFilePath(), copy));
-                m_aftercare.Finished(entry, copy);
-                ShowProgress();
-            },
+    connect(&m_task, &TFileCopyTask::FileCopied, this, &CopyController::OnFileCopied,
             Qt::QueuedConnection);
     connect(&m_task, &TFileCopyTask::State, this, &CopyController::OnState, Qt::QueuedConnection);
     connect(m_task.Notifier(), &TFileCopyNotifier::EntryFailed, this,
@@ -90,7 +77,6 @@ void CopyController::Start()
                 QStringLiteral("trellis-copy: cannot create the directory %1").arg(directory));
         return Finish(1, QStringLiteral("Failed"));
     }
-    m_planning = true;
     m_thread.start();
     // The walk runs in the worker thread, so that a signal is seen at once.
     QMetaObject::invokeMethod(
@@ -105,12 +91,11 @@ void CopyController::Start()
 
 void CopyController::OnPlanned(const std::shared_ptr<const CopyPlan> &plan)
 {
-    m_planning = false;
+    m_plan = plan;
     if (m_finished)
         return;
-    m_plan = plan;
     m_batches = plan->batches();
-    for (const CopyBatch &batch : std::as_const(m_batches))
+    for (const CopyPlan::Batch &batch : std::as_const(m_batches))
         m_tally.totalBytes += batch.bytes();
     for (const CopyPlan::LeftOut &leftOut : plan->leftOut()) {
         m_tally.AddLeftOut(leftOut.reason);
@@ -142,6 +127,17 @@ void CopyController::StartBatch()
     batch().CopyWith(m_task);
 }
 
+void CopyController::OnFileCopied(const QFileInfo &entry)
+{
+    ++m_tally.copied;
+    Advance(entry);
+    const QString copy = batch().WrittenPath(entry);
+    if (verbose())
+        m_console.Print(QStringLiteral("%1 -> %2").arg(entry.absoluteFilePath(), copy));
+    m_aftercare.Finished(entry, copy);
+    ShowProgress();
+}
+
 void CopyController::OnEntryFailed(const QFileInfo &entry, int error)
 {
     Advance(entry);
@@ -162,7 +158,7 @@ void CopyController::OnState(int state, const QFileInfo &item)
         return Finish(m_stopExitCode, m_stopVerdict);
     if (state != TFileCopyTask::StateFileExists && state != TFileCopyTask::StateCopyFailed)
         return StartBatch();
-    m_cursor = batch().FirstEntry(qMax(0, batch().IndexOf(item)));
+    m_cursor = batch().FirstEntry(item);
     if (state == TFileCopyTask::StateFileExists)
         return OnConflict(item);
     if (m_continueAfterFailures)
@@ -218,14 +214,14 @@ void CopyController::OnConflictAnswered(CopyQuestions::ConflictAnswer answer,
     else if (answer == CopyQuestions::Skip)
         Skip(m_conflictItem);
     else if (answer == CopyQuestions::Rename)
-        Rename(m_conflictItem, renameTo);
+        Rename(renameTo);
     else
         Finish(1, QStringLiteral("Quit"));
 }
 
 void CopyController::Decide(const QFileInfo &item)
 {
-    if (ConflictJudge::Overwrites(m_rule, item, QFileInfo(batch().ExistingDestination(item))))
+    if (batch().Overwrites(m_rule, item))
         Resume(TFileCopyTask::Overwrite);
     else
         Skip(item);
@@ -233,33 +229,20 @@ void CopyController::Decide(const QFileInfo &item)
 
 void CopyController::Skip(const QFileInfo &item, bool failed)
 {
-    const int index = batch().IndexOf(item);
     (failed ? m_tally.failed : m_tally.skipped)
-            += batch().EndEntry(index) - batch().FirstEntry(index);
+            += batch().EndEntry(item) - batch().FirstEntry(item);
     if (verbose() && !failed)
         m_console.Print(QStringLiteral("skipped %1").arg(item.absoluteFilePath()));
-    m_cursor = batch().EndEntry(index);
+    m_cursor = batch().EndEntry(item);
     Resume(TFileCopyTask::Skip);
 }
 
-// The task can only put another destination prefix in place of the
-// batch's, which gives an item a new directory but not a new name of its
-// own; so the item is skipped here and copied next in a batch of its own.
-void CopyController::Rename(const QFileInfo &item, const QString &renameTo)
+// Skipped here, the item is copied next in a batch of its own.
+void CopyController::Rename(const QString &renameTo)
 {
-    const int index = batch().IndexOf(item);
-    CopyBatch renamed
-            = renameTo.contains(QLatin1Char('/')) || renameTo.contains(QLatin1String("%1"))
-            ? CopyBatch(batch().sourcePrefix(),
-                        QDir::cleanPath(QDir::current().absoluteFilePath(renameTo)))
-            : CopyBatch(QRegExp::escape(item.absoluteFilePath()),
-                        QFileInfo(batch().DestinationPath(item)).absolutePath() + QLatin1Char('/')
-                                + renameTo);
-    renamed.Append(item,
-                   batch().entries().mid(batch().FirstEntry(index),
-                                         batch().EndEntry(index) - batch().FirstEntry(index)));
-    m_cursor = batch().EndEntry(index);
+    const CopyPlan::Batch renamed(batch(), m_conflictItem, renameTo);
     m_tally.totalBytes += renamed.bytes();
+    m_cursor = batch().EndEntry(m_conflictItem);
     m_batches.insert(m_batchIndex + 1 + m_renamesInBatch++, renamed);
     Resume(TFileCopyTask::Skip);
 }

@@ -1,7 +1,6 @@
 #ifndef TRELLIS_COPY_COPYCONTROLLER_H
 #define TRELLIS_COPY_COPYCONTROLLER_H
 
-#include "CommandLine.h"
 #include "Console.h"
 #include "CopyAftercare.h"
 #include "CopyPlan.h"
@@ -19,7 +18,7 @@
     force or through the user, reports failures with their causes, shows
     the progress and ends with a summary and an exit code.
 
-    It talks to the task through queued connections and invocations only,
+    It reaches the task through queued connections and invocations only,
     except for Stop(), which must reach a running pass directly. The task
     always asks, so that a collision within the run is never overwritten
     by an "all" rule.
@@ -33,7 +32,7 @@ public:
     ~CopyController() override;
 
     //! Whether the plan is still being made; the walk writes nothing, so need not be waited for.
-    bool isPlanning() const { return m_planning; }
+    bool isPlanning() const { return m_thread.isRunning() && !m_plan; }
 
 public slots:
     void Start();
@@ -41,26 +40,26 @@ public slots:
     void OnSignal(int signalNumber);
 
 signals:
-    //! Emitted once, after the summary.
     void Finished(int exitCode);
 
 private:
     void OnPlanned(const std::shared_ptr<const CopyPlan> &plan);
     void StartBatch();
+    void OnFileCopied(const QFileInfo &entry);
     void OnEntryFailed(const QFileInfo &entry, int error);
     void OnState(int state, const QFileInfo &item);
     void OnConflict(const QFileInfo &item);
     void OnConflictAnswered(CopyQuestions::ConflictAnswer answer, const QString &renameTo);
     void Decide(const QFileInfo &item);
     void Skip(const QFileInfo &item, bool failed = false);
-    void Rename(const QFileInfo &item, const QString &renameTo);
+    void Rename(const QString &renameTo);
     void Resume(TFileCopyTask::EFileExistsAction action);
     void Advance(const QFileInfo &entry);
     void ShowProgress();
     void Stop(int exitCode, const QString &verdict);
     void Finish(int exitCode, const QString &verdict);
 
-    const CopyBatch &batch() const { return m_batches.at(m_batchIndex); }
+    const CopyPlan::Batch &batch() const { return m_batches.at(m_batchIndex); }
     bool verbose() const { return m_request.verbosity() == CommandLine::Verbose; }
 
     const CommandLine m_request;
@@ -78,7 +77,7 @@ private:
     CopyAftercare m_aftercare;
 
     std::shared_ptr<const CopyPlan> m_plan;
-    QList<CopyBatch> m_batches; // the plan's, and those of renamed items
+    QList<CopyPlan::Batch> m_batches; // the plan's, and those of renamed items
     int m_batchIndex = -1;
     int m_renamesInBatch = 0;
     qint64 m_bytesBefore = 0; // of the batches done
@@ -86,7 +85,6 @@ private:
     int m_cursor = 0; // the entry being copied, in batch().entries()
     QFileInfo m_conflictItem;
 
-    bool m_planning = false;
     bool m_passRunning = false;
     bool m_finished = false;
     int m_stopExitCode = 1;

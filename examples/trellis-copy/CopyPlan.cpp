@@ -1,75 +1,131 @@
 #include "CopyPlan.h"
 
-#include "ConflictJudge.h"
-
 #include <Trellis/TFileCopyTask.h>
+#include <Trellis/TFileSystemHelper.h>
 
+#include <QDateTime>
+#include <QDir>
 #include <QRegExp>
 #include <QSet>
+#include <QVector>
+
+CopyPlan::Batch::Batch(const QString &sourcePrefix, const QString &destinationPrefix)
+    : m_sourcePrefix(sourcePrefix), m_destinationPrefix(destinationPrefix)
+{ }
+
+// The task can only put another destination prefix in place of the batch's,
+// which gives an item a new directory but not a name of its own; so a new
+// name takes a batch whose source prefix is the item's whole path.
+CopyPlan::Batch::Batch(const Batch &batch, const QFileInfo &item, const QString &renameTo)
+    : m_sourcePrefix(batch.m_sourcePrefix),
+      m_destinationPrefix(QDir::cleanPath(QDir::current().absoluteFilePath(renameTo)))
+{
+    if (!renameTo.contains(QLatin1Char('/')) && !renameTo.contains(QLatin1String("%1"))) {
+        m_sourcePrefix = QRegExp::escape(item.absoluteFilePath());
+        m_destinationPrefix
+                = QFileInfo(batch.WrittenPath(item)).absolutePath() + QLatin1Char('/') + renameTo;
+    }
+    Append(item,
+           batch.entries().mid(batch.FirstEntry(item),
+                               batch.EndEntry(item) - batch.FirstEntry(item)));
+}
+
+void CopyPlan::Batch::Append(const QFileInfo &item, const QList<QFileInfo> &entries)
+{
+    m_entryRanges.insert(item.absoluteFilePath(),
+                         { m_entries.size(), m_entries.size() + entries.size() });
+    m_items.append(item);
+    m_entries.append(entries);
+    for (const QFileInfo &entry : entries)
+        m_bytes += entry.size();
+}
+
+void CopyPlan::Batch::CopyWith(TFileCopyTask &task) const
+{
+    QList<QFileInfo> sources;
+    // Fresh objects: the task's thread fills in their cached status while
+    // this thread keeps using the items. The task works from the end.
+    for (auto item = m_items.crbegin(); item != m_items.crend(); ++item)
+        sources.append(QFileInfo(item->absoluteFilePath()));
+    // Only hands the batch over and queues the pass; callable from any thread.
+    task.CopyFiles(sources, m_sourcePrefix, m_destinationPrefix, 0);
+}
+
+QString CopyPlan::Batch::WrittenPath(const QFileInfo &entry) const
+{
+    const QString path = TFileCopyTask::DestinationPath(entry, m_sourcePrefix, m_destinationPrefix);
+    return entry.isDir() ? path : TFileSystemHelper::FileCopyLowerCaseDestFilename(path);
+}
+
+QString CopyPlan::Batch::ExistingDestination(const QFileInfo &item) const
+{
+    const QString written = WrittenPath(item);
+    const QString own = TFileCopyTask::DestinationPath(item, m_sourcePrefix, m_destinationPrefix);
+    return QFileInfo::exists(written) ? written : QFileInfo::exists(own) ? own : QString();
+}
+
+bool CopyPlan::Batch::Overwrites(CommandLine::ConflictRule rule, const QFileInfo &item) const
+{
+    const QFileInfo destination(ExistingDestination(item));
+    return rule == CommandLine::Overwrite
+            || (rule == CommandLine::Newer && item.lastModified() > destination.lastModified())
+            || (rule == CommandLine::Different
+                && (item.size() != destination.size()
+                    || item.lastModified() != destination.lastModified()));
+}
 
 CopyPlan::CopyPlan(const CommandLine &request, const std::atomic<bool> &cancelled)
 {
     QSet<QString> leftOutPaths;
-    const TFileCopyTask::LeftOutReceiver leftOut =
-            [this, &leftOutPaths](const QFileInfo &entry, TFileCopyNotifier::LeftOutReason reason) {
-                // The split and the listing of an item may both meet an entry.
-                if (!leftOutPaths.contains(entry.absoluteFilePath())) {
-                    leftOutPaths.insert(entry.absoluteFilePath());
-                    m_leftOut.append({ entry, reason });
-                }
-            };
-
-    QList<QList<Item>> items; // by batch
+    const auto leftOut = [this, &leftOutPaths](const QFileInfo &entry,
+                                               TFileCopyNotifier::LeftOutReason reason) {
+        // The split and the listing of an item may both meet an entry.
+        if (!leftOutPaths.contains(entry.absoluteFilePath())) {
+            leftOutPaths.insert(entry.absoluteFilePath());
+            m_leftOut.append({ entry, reason });
+        }
+    };
+    QVector<QList<QPair<QFileInfo, QList<QFileInfo>>>> items; // by batch: items and their entries
     QHash<QString, int> batchOfParent;
     for (const QString &path : request.sources()) {
-        if (cancelled.load())
-            return;
         const QFileInfo source(path);
         // A single file copied to a new name matches its source prefix whole.
         const QString parent = request.destinationIsFileName()
                 ? path
                 : (source.absolutePath() == QLatin1String("/") ? QString() : source.absolutePath());
-        auto batch = batchOfParent.constFind(parent);
-        if (batch == batchOfParent.constEnd()) {
-            batch = batchOfParent.insert(parent, m_batches.size());
-            m_batches.append(CopyBatch(QRegExp::escape(parent), request.destination()));
-            items.append(QList<Item>());
+        if (!batchOfParent.contains(parent)) {
+            batchOfParent.insert(parent, m_batches.size());
+            m_batches.append(Batch(QRegExp::escape(parent), request.destination()));
+            items.resize(m_batches.size());
         }
         for (const QFileInfo &item : TFileCopyTask::WorkItems(source, request.depth(), leftOut)) {
             if (cancelled.load())
                 return;
-            items[*batch].append({ item, TFileCopyTask::Entries(item, leftOut) });
+            items[batchOfParent.value(parent)].append(
+                    { item, TFileCopyTask::Entries(item, leftOut) });
         }
     }
-    FindCollisions(items);
 
-    for (int batch = 0; batch < m_batches.size(); ++batch) {
-        for (const Item &item : std::as_const(items.at(batch))) {
-            if (!item.collides) {
-                m_batches[batch].Append(item.item, item.entries);
-                continue;
-            }
-            for (const QFileInfo &entry : item.entries)
-                m_batches[batch].Append(entry, { entry });
-        }
-    }
-}
-
-void CopyPlan::FindCollisions(QList<QList<Item>> &items)
-{
+    // In the order of the copy: batch after batch, each item after item.
     QHash<QString, QString> firstWritten; // written path -> the entry written there first
     for (int batch = 0; batch < m_batches.size(); ++batch) {
-        for (Item &item : items[batch]) {
-            for (const QFileInfo &entry : std::as_const(item.entries)) {
+        for (const auto &item : std::as_const(items.at(batch))) {
+            bool collides = false;
+            for (const QFileInfo &entry : item.second) {
                 const QString written = m_batches.at(batch).WrittenPath(entry);
                 const QString first = firstWritten.value(written);
-                if (first.isEmpty()) {
-                    firstWritten.insert(written, entry.absoluteFilePath());
-                } else {
+                if (!first.isEmpty())
                     m_collisions.insert(entry.absoluteFilePath(), first);
-                    item.collides = true;
-                }
+                else
+                    firstWritten.insert(written, entry.absoluteFilePath());
+                collides = collides || !first.isEmpty();
             }
+            if (!collides) {
+                m_batches[batch].Append(item.first, item.second);
+                continue;
+            }
+            for (const QFileInfo &entry : item.second)
+                m_batches[batch].Append(entry, { entry });
         }
     }
 }
@@ -78,26 +134,24 @@ QStringList CopyPlan::DryRun(CommandLine::ConflictRule rule) const
 {
     QStringList lines;
     int copies = 0, questions = 0, overwrites = 0, skips = 0, collisions = 0;
-    for (const CopyBatch &batch : m_batches) {
-        for (int index = 0; index < batch.items().size(); ++index) {
-            const QFileInfo &item = batch.items().at(index);
-            const QString existing = batch.ExistingDestination(item);
+    for (const Batch &batch : m_batches) {
+        for (const QFileInfo &item : batch.items()) {
             const QString first = CollidesWith(item);
             QString fate;
             if (!first.isEmpty()) {
                 ++collisions;
                 fate = QStringLiteral("collides with %1 at").arg(first);
-            } else if (existing.isEmpty()) {
-                for (int entry = batch.FirstEntry(index); entry < batch.EndEntry(index); ++entry)
+            } else if (batch.ExistingDestination(item).isEmpty()) {
+                for (int entry = batch.FirstEntry(item); entry < batch.EndEntry(item);
+                     ++entry, ++copies)
                     lines.append(QStringLiteral("%1 -> %2")
                                          .arg(batch.entries().at(entry).absoluteFilePath(),
                                               batch.WrittenPath(batch.entries().at(entry))));
-                copies += batch.EndEntry(index) - batch.FirstEntry(index);
                 continue;
             } else if (rule == CommandLine::Ask) {
                 ++questions;
                 fate = QStringLiteral("would be asked about, exists at");
-            } else if (ConflictJudge::Overwrites(rule, item, QFileInfo(existing))) {
+            } else if (batch.Overwrites(rule, item)) {
                 ++overwrites;
                 fate = QStringLiteral("would overwrite");
             } else {

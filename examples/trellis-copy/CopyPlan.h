@@ -2,18 +2,22 @@
 #define TRELLIS_COPY_COPYPLAN_H
 
 #include "CommandLine.h"
-#include "CopyBatch.h"
 
 #include <Trellis/TFileCopyNotifier.h>
 
+#include <QFileInfo>
+#include <QHash>
+
 #include <atomic>
+
+class TFileCopyTask;
 
 /*!
     Everything a run will copy, worked out from the copy task's own plan
-    (TFileCopyTask::WorkItems() and Entries()) before any byte is written:
-    the batches, the entries the task's rules leave out, and the entries
-    that land on a name another entry of the run is written under first
-    (A.JPG and A.jpg both become A.jpg).
+    (TFileCopyTask::WorkItems(), Entries() and DestinationPath()) before any
+    byte is written: the batches, the entries the task's rules leave out,
+    and the entries that land on a name another entry of the run is written
+    under first (A.JPG and A.jpg both become A.jpg).
 
     The task looks for an existing destination per work item only, so an
     item holding such an entry is split into items of one entry each: the
@@ -22,6 +26,51 @@
 class CopyPlan
 {
 public:
+    /*!
+        What one TFileCopyTask::CopyFiles() call copies: work items, each a
+        source of its own (depth 0), and the entries they hold, in the order
+        they are copied, and the prefixes that place them.
+    */
+    class Batch
+    {
+    public:
+        //! \a sourcePrefix is a regular expression, as CopyFiles() takes it.
+        Batch(const QString &sourcePrefix, const QString &destinationPrefix);
+        //! A batch of \a item alone, from \a batch, renamed as the user typed: see --help.
+        Batch(const Batch &batch, const QFileInfo &item, const QString &renameTo);
+
+        void Append(const QFileInfo &item, const QList<QFileInfo> &entries);
+        void CopyWith(TFileCopyTask &task) const;
+
+        const QList<QFileInfo> &items() const { return m_items; }
+        const QList<QFileInfo> &entries() const { return m_entries; }
+        //! The size as the task measures it: every entry's, directories included.
+        qint64 bytes() const { return m_bytes; }
+        //! The entries of \a item are entries()[FirstEntry(item), EndEntry(item)).
+        int FirstEntry(const QFileInfo &item) const { return Range(item).first; }
+        int EndEntry(const QFileInfo &item) const { return Range(item).second; }
+
+        //! The name the copy of \a entry is written under: a file's with its extension lower-cased.
+        QString WrittenPath(const QFileInfo &entry) const;
+        //! The destination of \a item that exists, under its written name or its own, or "".
+        QString ExistingDestination(const QFileInfo &item) const;
+        //! Whether \a rule overwrites the existing destination of \a item.
+        bool Overwrites(CommandLine::ConflictRule rule, const QFileInfo &item) const;
+
+    private:
+        QPair<int, int> Range(const QFileInfo &item) const
+        {
+            return m_entryRanges.value(item.absoluteFilePath());
+        }
+
+        QString m_sourcePrefix;
+        QString m_destinationPrefix;
+        QList<QFileInfo> m_items;
+        QList<QFileInfo> m_entries;
+        QHash<QString, QPair<int, int>> m_entryRanges; // by item
+        qint64 m_bytes = 0;
+    };
+
     struct LeftOut
     {
         QFileInfo entry;
@@ -35,27 +84,18 @@ public:
     */
     CopyPlan(const CommandLine &request, const std::atomic<bool> &cancelled);
 
-    const QList<CopyBatch> &batches() const { return m_batches; }
+    const QList<Batch> &batches() const { return m_batches; }
     const QList<LeftOut> &leftOut() const { return m_leftOut; }
     //! The entry written earlier in the run where \a entry is written, or "".
     QString CollidesWith(const QFileInfo &entry) const
     {
         return m_collisions.value(entry.absoluteFilePath());
     }
-
     //! What a dry run lists under \a rule: each item's fate, then the counts.
     QStringList DryRun(CommandLine::ConflictRule rule) const;
 
 private:
-    struct Item
-    {
-        QFileInfo item;
-        QList<QFileInfo> entries;
-        bool collides = false;
-    };
-    void FindCollisions(QList<QList<Item>> &items);
-
-    QList<CopyBatch> m_batches;
+    QList<Batch> m_batches;
     QList<LeftOut> m_leftOut;
     QHash<QString, QString> m_collisions;
 };

@@ -2,24 +2,20 @@
 
 #include <QSocketNotifier>
 
+#include <cerrno>
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-
 namespace {
 
-const int CaughtSignals[] = { SIGINT, SIGTERM, SIGHUP, SIGPIPE };
-
-std::atomic<int> signalPipe { -1 }; // the write end
+int signalPipe[2] = { -1, -1 };
 
 extern "C" void OnSignal(int signalNumber)
 {
     const int savedErrno = errno;
     const char byte = char(signalNumber);
-    [[maybe_unused]] const ssize_t written = ::write(signalPipe.load(), &byte, 1);
+    [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &byte, 1);
     errno = savedErrno;
 }
 
@@ -27,36 +23,19 @@ extern "C" void OnSignal(int signalNumber)
 
 SignalNotifier::SignalNotifier(QObject *parent) : QObject(parent)
 {
-    if (::pipe2(m_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
+    if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
         qFatal("trellis-copy: cannot create the signal pipe");
-    signalPipe.store(m_pipe[1]);
-    connect(new QSocketNotifier(m_pipe[0], QSocketNotifier::Read, this),
-            &QSocketNotifier::activated, this, &SignalNotifier::Drain);
-
-    for (const int signalNumber : CaughtSignals) {
+    connect(new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, this),
+            &QSocketNotifier::activated, this, [this] {
+                char number;
+                while (::read(signalPipe[0], &number, 1) == 1)
+                    emit Signalled(number);
+            });
+    for (const int signalNumber : { SIGINT, SIGTERM, SIGHUP, SIGPIPE }) {
         struct sigaction action = {};
         action.sa_handler = OnSignal;
         action.sa_flags = SA_RESTART | (signalNumber == SIGPIPE ? 0 : SA_RESETHAND);
         sigemptyset(&action.sa_mask);
         ::sigaction(signalNumber, &action, nullptr);
-    }
-}
-
-SignalNotifier::~SignalNotifier()
-{
-    for (const int signalNumber : CaughtSignals)
-        ::signal(signalNumber, signalNumber == SIGPIPE ? SIG_IGN : SIG_DFL);
-    signalPipe.store(-1);
-    ::close(m_pipe[0]);
-    ::close(m_pipe[1]);
-}
-
-void SignalNotifier::Drain()
-{
-    char bytes[16];
-    ssize_t count;
-    while ((count = ::read(m_pipe[0], bytes, sizeof bytes)) > 0) {
-        for (ssize_t i = 0; i < count; ++i)
-            emit Signalled(bytes[i]);
     }
 }

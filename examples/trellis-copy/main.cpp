@@ -11,23 +11,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace {
-
-// Opens /dev/null on standard input, output and error where they are
-// closed, so that no file the program opens takes their place.
-void OpenClosedStandardStreams()
-{
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        if (::fcntl(fd, F_GETFD) == -1 && ::open("/dev/null", O_RDWR) != fd)
-            ::_exit(1);
-    }
-}
-
-} // namespace
-
 int main(int argc, char *argv[])
 {
-    OpenClosedStandardStreams();
+    // /dev/null where standard input, output or error is closed, so that no
+    // file the program opens takes its place.
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (::fcntl(fd, F_GETFD) == -1 && ::open("/dev/null", O_RDWR) != fd)
+            return 1;
+    }
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("trellis-copy"));
 
