@@ -20,71 +20,54 @@ const char *const Description
 
 const char *const Details = R"(
 Where things land:
-  Each SOURCE lands in DEST under its own name (a/b.txt as DEST/b.txt, a/src/
-  as DEST/src); DEST and its parents are created as needed. A single file
-  SOURCE and a DEST that is not a directory (nor ends in /) copies the file to
-  the name DEST, as cp does. DEST must not lie inside a SOURCE, be the
-  directory a SOURCE is in, or hold a % followed by a digit. A FIFO, socket or
-  device as SOURCE is refused. A final three-letter extension is written in
-  lower case: Photo.JPG is copied as Photo.jpg, and an existing Photo.jpg is
-  its destination. Two sources landing on one name (A.JPG and A.jpg) are found
-  before anything is copied: the second is asked about, or reported as failed
-  when nobody can be asked.
-
-Left out:
-  Hidden entries inside directories, FIFOs, sockets, devices, links to nothing
-  and links leading back into the tree are not copied; the summary counts them
-  by kind and --verbose names each. A hidden SOURCE is copied. Other symbolic
-  links are followed.
-
-Work items:
-  --depth N splits every source directory into work items N levels down. With
-  the default -1 every file and empty directory is an item; with 0 each SOURCE
-  is one, so a directory whose destination exists is asked about once, and
-  overwrite then replaces every file of it that exists at the destination.
+  Each SOURCE lands in DEST (created as needed) under its own name: a/b.txt as
+  DEST/b.txt, a/src/ as DEST/src. A single file SOURCE and a DEST that is not a
+  directory (nor ends in /) copies the file to the name DEST, as cp does. DEST
+  must not lie inside a SOURCE, be the directory a SOURCE is in, or hold a %
+  followed by a digit; a FIFO, socket or device as SOURCE is refused. A final
+  three-letter extension is written in lower case (Photo.JPG as Photo.jpg,
+  where an existing Photo.jpg counts as its destination); two sources landing
+  on one name are found before anything is copied, and the second is asked
+  about, even after an all answer, or reported as failed. Left out, counted
+  by kind in the summary and named by --verbose: hidden entries inside
+  directories (a hidden SOURCE is copied), FIFOs, sockets, devices, links to
+  nothing and links leading back into the tree. Other links are followed.
 
 Answers where a destination exists (a word or its first letter, then Enter):
-  o, overwrite        copy this item over its destination
-  a, all              overwrite this and every later conflict
-  s, skip             leave this item uncopied
-  n, none             skip this and every later conflict
-  w, newer            overwrite when the source is newer, otherwise skip; for
-                      this and every later conflict
-  d, different        overwrite when size or modification time differ,
-                      otherwise skip; for this and every later conflict
-  r, rename           a NAME without / and %1 is the item's new name in the
-                      same directory; anything else is a PREFIX replacing DEST
-                      for this item, %1 in it standing for the item's name
-                      without its last extension (e.g. /backup/%1-old). The
-                      item is copied there after the rest of its batch, and
-                      asked about again if that place is taken too.
-  q, quit             stop here (exit code 1); so does end of input (Ctrl-D)
-  Two sources landing on one name are asked about even after an all answer.
+  o, overwrite      copy this item over its destination
+  a, all            overwrite this and every later conflict
+  s, skip           leave this item uncopied
+  n, none           skip this and every later conflict
+  w, newer          overwrite when the source is newer, otherwise skip; for
+                    this and every later conflict
+  d, different      overwrite when size or modification time differ,
+                    otherwise skip; for this and every later conflict
+  r, rename         a NAME without / and %1 is the item's new name in its
+                    directory; anything else is a PREFIX replacing DEST for
+                    this item, %1 standing for its name without its last
+                    extension (/backup/%1-old); copied after the rest of its
+                    batch, and asked about again if that place is taken too
+  q, quit           stop here (exit code 1); so does end of input (Ctrl-D)
 
-Failures and conflicts without a terminal:
+Failures, output and stopping:
   A failure is reported with its path and the system's reason, and the rest of
-  its item is left. On a terminal the answer is c, continue, a, all (continue
-  after every later failure too) or q, quit; without a terminal on standard
-  input the copy goes on and ends with exit code 1. Nor can conflicts be asked
-  about then: with the rule ask the first one is reported, and the program ends
-  with exit code 1.
-
-Output and stopping:
+  its item is left; then c, continue, a, all (continue after later failures
+  too) or q, quit. Without a terminal on standard input the copy goes on after
+  failures, and the rule ask ends at the first conflict, with exit code 1.
   Progress goes to standard output: on a terminal a line redrawn at most ten
-  times a second (bytes done and in all, percentage, rate, time left, entries
-  copied, skipped and failed, the current entry), otherwise a plain line at
-  most once a second; a summary ends every run. Questions and errors go to
-  standard error. Ctrl-C, SIGTERM, SIGHUP, SIGPIPE and a failed write to
-  standard output or error stop the copy within a moment; the incomplete copy
-  of the file being copied is removed and named (kept with --keep-partial),
-  and the summary printed where it can be. A second Ctrl-C ends at once.
+  times a second (bytes done and in all, percentage, rate, time left, counts,
+  the current entry), otherwise a plain line at most once a second; then a
+  summary. Questions and errors go to standard error. Ctrl-C, SIGTERM, SIGHUP,
+  SIGPIPE and a failed write to standard output or error stop the copy within
+  a moment; the incomplete copy of the file being copied is removed (kept with
+  --keep-partial) and named. A second Ctrl-C ends the program at once.
 
 Exit codes:
-  0    everything was copied (or skipped by an answer or --on-conflict)
-  1    something was not copied: an entry failed, the user quit, a conflict
-       could not be asked about, or a signal or write error stopped the copy
-  2    usage error: unknown option, bad option value, fewer than two paths,
-       an empty, missing or special SOURCE, or an unusable DEST
+  0    everything was copied, or skipped by an answer or --on-conflict
+  1    something was not copied: a failure, quit, a conflict nobody could be
+       asked about, a signal or a write error
+  2    usage error: a bad option or value, fewer than two paths, an empty,
+       missing or special SOURCE, or an unusable DEST
   130  interrupted by Ctrl-C (SIGINT)
 )";
 
@@ -143,8 +126,10 @@ CommandLine::CommandLine(const QStringList &arguments)
                              "overwrite, skip, newer or different (see the answers below)."),
               QStringLiteral("rule"), QStringLiteral("ask") },
             { QStringLiteral("depth"),
-              QStringLiteral("Split each source directory into work items <N> levels down; "
-                             "negative: down to single files (the default, -1)."),
+              QStringLiteral("Split each source directory into work items <N> levels down: "
+                             "with -1 (the default) each file and empty directory is one, "
+                             "with 0 each SOURCE, asked about once, whose overwrite replaces "
+                             "all of its files that exist at the destination."),
               QStringLiteral("N"), QStringLiteral("-1") },
             { QStringLiteral("keep-partial"),
               QStringLiteral("Keep the incomplete copy of a file whose copy was stopped.") },

@@ -22,8 +22,6 @@ public:
     Outcome outcome() const { return m_outcome; }
     QString error() const { return m_error; }
     QString helpText() const { return m_helpText; }
-
-    //! Without repeats, in the given order.
     QStringList sources() const { return m_sources; }
     QString destination() const { return m_destination; }
     //! Whether DEST is the name of the copy of the single file SOURCE, as with cp.

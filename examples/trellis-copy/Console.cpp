@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -10,7 +11,7 @@ const char EraseLine[] = "\r\033[K";
 
 } // namespace
 
-Console::Console(QObject *parent) : QObject(parent), m_live(::isatty(STDOUT_FILENO) == 1)
+Console::Console() : m_live(::isatty(STDOUT_FILENO) == 1)
 {
     // A log gets its first line after a second, so that a short copy adds none.
     if (!m_live)
@@ -33,18 +34,16 @@ bool Console::StatusDue()
 
 void Console::ShowStatus(const QString &line)
 {
-    if (!m_live) {
+    if (m_live)
+        m_statusShown = Write(STDOUT_FILENO, EraseLine + line.toLocal8Bit());
+    else
         Print(line);
-        return;
-    }
-    m_statusShown = Write(STDOUT_FILENO, EraseLine + line.toLocal8Bit());
 }
 
 void Console::ClearStatus()
 {
-    if (m_statusShown)
+    if (std::exchange(m_statusShown, false))
         Write(STDOUT_FILENO, EraseLine);
-    m_statusShown = false;
 }
 
 void Console::Print(const QString &text)
@@ -62,21 +61,16 @@ void Console::Error(const QString &text)
 
 bool Console::Write(int fd, const QByteArray &bytes)
 {
-    if (m_broken[fd])
-        return false;
-    for (qsizetype done = 0; done < bytes.size();) {
+    for (qsizetype done = 0; done < bytes.size() && !m_broken[fd];) {
         const ssize_t written = ::write(fd, bytes.constData() + done, size_t(bytes.size() - done));
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0) {
-            const int error = written < 0 ? errno : EIO;
+        if (written > 0) {
+            done += written;
+        } else if (written == 0 || errno != EINTR) {
             m_broken[fd] = true;
             emit WriteFailed(fd == STDOUT_FILENO ? QStringLiteral("standard output")
                                                  : QStringLiteral("standard error"),
-                             error);
-            return false;
+                             written < 0 ? errno : EIO);
         }
-        done += written;
     }
-    return true;
+    return !m_broken[fd];
 }

@@ -5,33 +5,31 @@
 #include <QObject>
 
 /*!
-    Standard output and error: whole lines to either, and a status line on
-    standard output, redrawn in place on a terminal at most ten times a
-    second and erased before other output, otherwise a plain line at most
-    once a second. A failed write is announced once per stream through
-    WriteFailed(), and that stream is written no more.
+    Standard output and error: lines to either, and a status line on standard
+    output, redrawn in place on a terminal at most ten times a second and
+    erased before other output, otherwise a plain line at most once a second.
+    A failed write is announced once per stream, which is written no more.
 */
 class Console : public QObject
 {
     Q_OBJECT
 
 public:
-    explicit Console(QObject *parent = nullptr);
+    Console();
 
     //! The terminal's width in columns, 80 when it cannot be told.
     static int Width();
     bool isLive() const { return m_live; }
-
     //! Whether a status line is due now; if so, the next is due an interval later.
     bool StatusDue();
     void ShowStatus(const QString &line);
     void ClearStatus();
     void Print(const QString &text);
-    //! Writes \a text to standard error, or to standard output if that failed.
+    //! Writes to standard error, or to standard output if that failed.
     void Error(const QString &text);
 
 signals:
-    //! A write to \a stream ("standard output" or "standard error") failed with \a error.
+    //! \a stream is "standard output" or "standard error".
     void WriteFailed(const QString &stream, int error);
 
 private:

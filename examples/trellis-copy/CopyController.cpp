@@ -22,13 +22,11 @@ CopyController::CopyController(const CommandLine &request, QObject *parent)
       m_continueAfterFailures(!CopyQuestions::CanAsk()),
       m_aftercare(request.libraryMode(), request.keepPartial(), m_console)
 {
-    connect(
-            &m_task, &TFileCopyTask::Progress, this,
-            [this](int percent) {
-                m_percent = percent;
-                ShowProgress();
-            },
-            Qt::QueuedConnection);
+    const auto onProgress = [this](int percent) {
+        m_percent = percent;
+        ShowProgress();
+    };
+    connect(&m_task, &TFileCopyTask::Progress, this, onProgress, Qt::QueuedConnection);
     connect(&m_task, &TFileCopyTask::FileCopied, this, &CopyController::OnFileCopied,
             Qt::QueuedConnection);
     connect(&m_task, &TFileCopyTask::State, this, &CopyController::OnState, Qt::QueuedConnection);
@@ -46,10 +44,11 @@ CopyController::CopyController(const CommandLine &request, QObject *parent)
             &CopyController::OnConflictAnswered);
     connect(&m_questions, &CopyQuestions::FailureAnswered, this,
             [this](CopyQuestions::FailureAnswer answer) {
-                if (answer == CopyQuestions::QuitAfterFailure)
-                    return Finish(1, QStringLiteral("Quit"));
                 m_continueAfterFailures = answer == CopyQuestions::ContinueAll;
-                Resume(TFileCopyTask::Ask);
+                if (answer == CopyQuestions::QuitAfterFailure)
+                    Finish(1, QStringLiteral("Quit"));
+                else
+                    Resume(TFileCopyTask::Ask);
             });
     connect(&m_console, &Console::WriteFailed, this, [this](const QString &stream, int error) {
         m_console.Error(
@@ -69,9 +68,9 @@ void CopyController::Start()
 {
     if (m_finished)
         return;
-    const QString directory = m_request.destinationIsFileName()
-            ? QFileInfo(m_request.destination()).absolutePath()
-            : m_request.destination();
+    const QFileInfo destination(m_request.destination());
+    const QString directory = m_request.destinationIsFileName() ? destination.absolutePath()
+                                                                : destination.absoluteFilePath();
     if (!m_request.dryRun() && !QDir().mkpath(directory)) {
         m_console.Error(
                 QStringLiteral("trellis-copy: cannot create the directory %1").arg(directory));
@@ -82,21 +81,18 @@ void CopyController::Start()
     QMetaObject::invokeMethod(
             &m_task,
             [this] {
-                const auto plan = std::make_shared<const CopyPlan>(m_request, m_stopWanted);
+                const auto plan = std::make_shared<CopyPlan>(m_request, m_stopWanted);
                 QMetaObject::invokeMethod(
                         this, [this, plan] { OnPlanned(plan); }, Qt::QueuedConnection);
             },
             Qt::QueuedConnection);
 }
 
-void CopyController::OnPlanned(const std::shared_ptr<const CopyPlan> &plan)
+void CopyController::OnPlanned(const std::shared_ptr<CopyPlan> &plan)
 {
     m_plan = plan;
     if (m_finished)
         return;
-    m_batches = plan->batches();
-    for (const CopyPlan::Batch &batch : std::as_const(m_batches))
-        m_tally.totalBytes += batch.bytes();
     for (const CopyPlan::LeftOut &leftOut : plan->leftOut()) {
         m_tally.AddLeftOut(leftOut.reason);
         const QString path = leftOut.entry.absoluteFilePath();
@@ -120,7 +116,7 @@ void CopyController::StartBatch()
 {
     if (m_batchIndex >= 0)
         m_bytesBefore += batch().bytes();
-    if (++m_batchIndex == m_batches.size())
+    if (++m_batchIndex == m_plan->batches().size())
         return Finish(m_tally.failed > 0 ? 1 : 0, QStringLiteral("Done"));
     m_percent = m_cursor = m_renamesInBatch = 0;
     m_passRunning = true;
@@ -152,24 +148,23 @@ void CopyController::OnEntryFailed(const QFileInfo &entry, int error)
 void CopyController::OnState(int state, const QFileInfo &item)
 {
     m_passRunning = false;
-    if (m_finished)
-        return;
-    if (!m_stopVerdict.isEmpty())
+    if (m_finished || !m_stopVerdict.isEmpty())
         return Finish(m_stopExitCode, m_stopVerdict);
     if (state != TFileCopyTask::StateFileExists && state != TFileCopyTask::StateCopyFailed)
         return StartBatch();
-    m_cursor = batch().FirstEntry(item);
+    m_cursor = batch().EntryRange(item).first;
+    m_conflictItem = item;
     if (state == TFileCopyTask::StateFileExists)
-        return OnConflict(item);
+        return OnConflict();
     if (m_continueAfterFailures)
         return Resume(TFileCopyTask::Ask);
     m_console.ClearStatus();
     m_questions.AskFailure();
 }
 
-void CopyController::OnConflict(const QFileInfo &item)
+void CopyController::OnConflict()
 {
-    m_conflictItem = item;
+    const QFileInfo &item = m_conflictItem;
     const QString destination = batch().ExistingDestination(item);
     const QString first = m_plan->CollidesWith(item);
     const bool canAsk = CopyQuestions::CanAsk();
@@ -177,25 +172,24 @@ void CopyController::OnConflict(const QFileInfo &item)
         m_console.Error(QStringLiteral("trellis-copy: cannot copy %1: it would be written to %2, "
                                        "where %3 was copied")
                                 .arg(item.absoluteFilePath(), destination, first));
-        return Skip(item, true);
+        return Skip(true);
     }
     if (first.isEmpty() && m_rule != CommandLine::Ask)
-        return Decide(item);
+        return Decide();
     if (!canAsk) {
         m_console.Error(QStringLiteral("trellis-copy: %1 exists (copying %2), and standard input "
                                        "is not a terminal to ask on; use --on-conflict")
                                 .arg(destination, item.absoluteFilePath()));
         return Finish(1, QStringLiteral("Stopped"));
     }
+    const QString collision = QStringLiteral("Both land on one name: %1 was copied there in this "
+                                             "run.\n")
+                                      .arg(first);
     m_console.ClearStatus();
-    m_questions.AskConflict(
-            (first.isEmpty() ? QString()
-                             : QStringLiteral("Both land on one name: %1 was copied there in "
-                                              "this run.\n")
-                                       .arg(first))
-            + QStringLiteral("exists:    %1 (%2)\ncopying:   %3 (%4)\n")
-                      .arg(destination, CopyQuestions::Facts(QFileInfo(destination)),
-                           item.absoluteFilePath(), CopyQuestions::Facts(item)));
+    m_questions.AskConflict(QStringLiteral("%1exists:    %2 (%3)\ncopying:   %4 (%5)\n")
+                                    .arg(first.isEmpty() ? QString() : collision, destination,
+                                         CopyQuestions::Facts(QFileInfo(destination)),
+                                         item.absoluteFilePath(), CopyQuestions::Facts(item)));
 }
 
 void CopyController::OnConflictAnswered(CopyQuestions::ConflictAnswer answer,
@@ -207,43 +201,37 @@ void CopyController::OnConflictAnswered(CopyQuestions::ConflictAnswer answer,
                 CommandLine::Newer, CommandLine::Different, CommandLine::Ask, CommandLine::Ask };
     if (rules[answer] != CommandLine::Ask) {
         m_rule = rules[answer];
-        return Decide(m_conflictItem);
-    }
-    if (answer == CopyQuestions::Overwrite)
+        Decide();
+    } else if (answer == CopyQuestions::Overwrite) {
         Resume(TFileCopyTask::Overwrite);
-    else if (answer == CopyQuestions::Skip)
-        Skip(m_conflictItem);
-    else if (answer == CopyQuestions::Rename)
-        Rename(renameTo);
-    else
+    } else if (answer == CopyQuestions::Skip) {
+        Skip();
+    } else if (answer == CopyQuestions::Rename) {
+        // Skipped here, the item is copied next in a batch of its own.
+        const CopyPlan::Batch renamed(batch(), m_conflictItem, renameTo);
+        m_plan->Insert(m_batchIndex + 1 + m_renamesInBatch++, renamed);
+        m_cursor = batch().EntryRange(m_conflictItem).second;
+        Resume(TFileCopyTask::Skip);
+    } else {
         Finish(1, QStringLiteral("Quit"));
+    }
 }
 
-void CopyController::Decide(const QFileInfo &item)
+void CopyController::Decide()
 {
-    if (batch().Overwrites(m_rule, item))
+    if (batch().Overwrites(m_rule, m_conflictItem))
         Resume(TFileCopyTask::Overwrite);
     else
-        Skip(item);
+        Skip();
 }
 
-void CopyController::Skip(const QFileInfo &item, bool failed)
+void CopyController::Skip(bool failed)
 {
-    (failed ? m_tally.failed : m_tally.skipped)
-            += batch().EndEntry(item) - batch().FirstEntry(item);
+    const auto [first, end] = batch().EntryRange(m_conflictItem);
+    (failed ? m_tally.failed : m_tally.skipped) += end - first;
     if (verbose() && !failed)
-        m_console.Print(QStringLiteral("skipped %1").arg(item.absoluteFilePath()));
-    m_cursor = batch().EndEntry(item);
-    Resume(TFileCopyTask::Skip);
-}
-
-// Skipped here, the item is copied next in a batch of its own.
-void CopyController::Rename(const QString &renameTo)
-{
-    const CopyPlan::Batch renamed(batch(), m_conflictItem, renameTo);
-    m_tally.totalBytes += renamed.bytes();
-    m_cursor = batch().EndEntry(m_conflictItem);
-    m_batches.insert(m_batchIndex + 1 + m_renamesInBatch++, renamed);
+        m_console.Print(QStringLiteral("skipped %1").arg(m_conflictItem.absoluteFilePath()));
+    m_cursor = end;
     Resume(TFileCopyTask::Skip);
 }
 
@@ -271,7 +259,7 @@ void CopyController::ShowProgress()
         return;
     const QList<QFileInfo> &entries = batch().entries();
     m_console.ShowStatus(m_tally.ProgressLine(
-            m_bytesBefore + batch().bytes() * m_percent / 100,
+            m_bytesBefore + batch().bytes() * m_percent / 100, m_plan->bytes(),
             m_cursor < entries.size() ? entries.at(m_cursor).absoluteFilePath() : QString(),
             Console::Width(), m_console.isLive()));
 }

@@ -6,9 +6,9 @@
 #include "CopyPlan.h"
 #include "CopyQuestions.h"
 #include "CopyTally.h"
-#include "CopyThread.h"
 
 #include <Trellis/TFileCopyTask.h>
+#include <Trellis/TThreadedObject.h>
 
 #include <memory>
 
@@ -31,44 +31,53 @@ public:
     explicit CopyController(const CommandLine &request, QObject *parent = nullptr);
     ~CopyController() override;
 
-    //! Whether the plan is still being made; the walk writes nothing, so need not be waited for.
+    //! The walk of planning writes nothing, so need not be waited for.
     bool isPlanning() const { return m_thread.isRunning() && !m_plan; }
 
 public slots:
     void Start();
-    //! Stops for the POSIX signal \a signalNumber: exit code 130 for SIGINT, 1 for the others.
+    //! Exit code 130 for SIGINT, 1 for the others.
     void OnSignal(int signalNumber);
 
 signals:
     void Finished(int exitCode);
 
 private:
-    void OnPlanned(const std::shared_ptr<const CopyPlan> &plan);
+    void OnPlanned(const std::shared_ptr<CopyPlan> &plan);
     void StartBatch();
     void OnFileCopied(const QFileInfo &entry);
     void OnEntryFailed(const QFileInfo &entry, int error);
     void OnState(int state, const QFileInfo &item);
-    void OnConflict(const QFileInfo &item);
+    // These concern m_conflictItem.
+    void OnConflict();
     void OnConflictAnswered(CopyQuestions::ConflictAnswer answer, const QString &renameTo);
-    void Decide(const QFileInfo &item);
-    void Skip(const QFileInfo &item, bool failed = false);
-    void Rename(const QString &renameTo);
+    void Decide();
+    void Skip(bool failed = false);
+
     void Resume(TFileCopyTask::EFileExistsAction action);
     void Advance(const QFileInfo &entry);
     void ShowProgress();
     void Stop(int exitCode, const QString &verdict);
     void Finish(int exitCode, const QString &verdict);
 
-    const CopyPlan::Batch &batch() const { return m_batches.at(m_batchIndex); }
+    const CopyPlan::Batch &batch() const { return m_plan->batches().at(m_batchIndex); }
     bool verbose() const { return m_request.verbosity() == CommandLine::Verbose; }
 
     const CommandLine m_request;
     CommandLine::ConflictRule m_rule; // the preset, or what an "all" answer set
     bool m_continueAfterFailures;
 
+    // The worker thread the task lives in; the task needs no set-up of its own.
+    struct Thread : TThreadedObject
+    {
+        Thread() : TThreadedObject(QStringLiteral("trellis-copy")) { }
+        void Initialize() override { }
+        void Finalize() override { }
+    };
+
     // Declared before the thread, so destroyed after it has finished.
     TFileCopyTask m_task;
-    CopyThread m_thread;
+    Thread m_thread;
     std::atomic<bool> m_stopWanted { false };
 
     Console m_console;
@@ -76,14 +85,13 @@ private:
     CopyTally m_tally;
     CopyAftercare m_aftercare;
 
-    std::shared_ptr<const CopyPlan> m_plan;
-    QList<CopyPlan::Batch> m_batches; // the plan's, and those of renamed items
+    std::shared_ptr<CopyPlan> m_plan;
     int m_batchIndex = -1;
     int m_renamesInBatch = 0;
     qint64 m_bytesBefore = 0; // of the batches done
     int m_percent = 0; // of the current batch
     int m_cursor = 0; // the entry being copied, in batch().entries()
-    QFileInfo m_conflictItem;
+    QFileInfo m_conflictItem; // or the failed one
 
     bool m_passRunning = false;
     bool m_finished = false;

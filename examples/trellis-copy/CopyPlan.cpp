@@ -9,6 +9,8 @@
 #include <QSet>
 #include <QVector>
 
+#include <numeric>
+
 CopyPlan::Batch::Batch(const QString &sourcePrefix, const QString &destinationPrefix)
     : m_sourcePrefix(sourcePrefix), m_destinationPrefix(destinationPrefix)
 { }
@@ -25,9 +27,8 @@ CopyPlan::Batch::Batch(const Batch &batch, const QFileInfo &item, const QString 
         m_destinationPrefix
                 = QFileInfo(batch.WrittenPath(item)).absolutePath() + QLatin1Char('/') + renameTo;
     }
-    Append(item,
-           batch.entries().mid(batch.FirstEntry(item),
-                               batch.EndEntry(item) - batch.FirstEntry(item)));
+    const auto [first, end] = batch.EntryRange(item);
+    Append(item, batch.entries().mid(first, end - first));
 }
 
 void CopyPlan::Batch::Append(const QFileInfo &item, const QList<QFileInfo> &entries)
@@ -130,6 +131,12 @@ CopyPlan::CopyPlan(const CommandLine &request, const std::atomic<bool> &cancelle
     }
 }
 
+qint64 CopyPlan::bytes() const
+{
+    return std::accumulate(m_batches.cbegin(), m_batches.cend(), qint64(0),
+                           [](qint64 sum, const Batch &batch) { return sum + batch.bytes(); });
+}
+
 QStringList CopyPlan::DryRun(CommandLine::ConflictRule rule) const
 {
     QStringList lines;
@@ -142,8 +149,8 @@ QStringList CopyPlan::DryRun(CommandLine::ConflictRule rule) const
                 ++collisions;
                 fate = QStringLiteral("collides with %1 at").arg(first);
             } else if (batch.ExistingDestination(item).isEmpty()) {
-                for (int entry = batch.FirstEntry(item); entry < batch.EndEntry(item);
-                     ++entry, ++copies)
+                for (int entry = batch.EntryRange(item).first;
+                     entry < batch.EntryRange(item).second; ++entry, ++copies)
                     lines.append(QStringLiteral("%1 -> %2")
                                          .arg(batch.entries().at(entry).absoluteFilePath(),
                                               batch.WrittenPath(batch.entries().at(entry))));

@@ -26,11 +26,7 @@ class TFileCopyTask;
 class CopyPlan
 {
 public:
-    /*!
-        What one TFileCopyTask::CopyFiles() call copies: work items, each a
-        source of its own (depth 0), and the entries they hold, in the order
-        they are copied, and the prefixes that place them.
-    */
+    //! What one CopyFiles() call copies: work items (at depth 0) with their entries, in order.
     class Batch
     {
     public:
@@ -44,11 +40,13 @@ public:
 
         const QList<QFileInfo> &items() const { return m_items; }
         const QList<QFileInfo> &entries() const { return m_entries; }
-        //! The size as the task measures it: every entry's, directories included.
+        //! As the task measures it: every entry's size, directories included.
         qint64 bytes() const { return m_bytes; }
-        //! The entries of \a item are entries()[FirstEntry(item), EndEntry(item)).
-        int FirstEntry(const QFileInfo &item) const { return Range(item).first; }
-        int EndEntry(const QFileInfo &item) const { return Range(item).second; }
+        //! The entries of \a item are entries()[first, second).
+        QPair<int, int> EntryRange(const QFileInfo &item) const
+        {
+            return m_entryRanges.value(item.absoluteFilePath());
+        }
 
         //! The name the copy of \a entry is written under: a file's with its extension lower-cased.
         QString WrittenPath(const QFileInfo &entry) const;
@@ -58,11 +56,6 @@ public:
         bool Overwrites(CommandLine::ConflictRule rule, const QFileInfo &item) const;
 
     private:
-        QPair<int, int> Range(const QFileInfo &item) const
-        {
-            return m_entryRanges.value(item.absoluteFilePath());
-        }
-
         QString m_sourcePrefix;
         QString m_destinationPrefix;
         QList<QFileInfo> m_items;
@@ -77,14 +70,13 @@ public:
         TFileCopyNotifier::LeftOutReason reason;
     };
 
-    /*!
-        One batch per parent directory of the sources, or one for a single
-        file copied to a new name. Gives up soon after \a cancelled becomes
-        true. Reads the file system only; may run in any thread.
-    */
+    //! Gives up soon after \a cancelled becomes true. May run in any thread.
     CopyPlan(const CommandLine &request, const std::atomic<bool> &cancelled);
 
     const QList<Batch> &batches() const { return m_batches; }
+    //! For a renamed item.
+    void Insert(int index, const Batch &batch) { m_batches.insert(index, batch); }
+    qint64 bytes() const;
     const QList<LeftOut> &leftOut() const { return m_leftOut; }
     //! The entry written earlier in the run where \a entry is written, or "".
     QString CollidesWith(const QFileInfo &entry) const

@@ -21,8 +21,8 @@ const char *const RenameQuestion = "New name in the same directory (no / and no 
                                    "its extension); empty: back? ";
 const char *const FailureChoices = "Go on with the rest? c continue, a continue all, q quit? ";
 
-// The index of the word in words that text is, or whose first letter it is, ignoring case; -1 if
-// none.
+// The index of the word in words that text is, or whose first letter it is,
+// ignoring case; -1 if none.
 int Meaning(const QString &text, const QStringList &words)
 {
     const QString answer = text.simplified().replace(QLatin1Char('-'), QLatin1Char(' '));
@@ -38,13 +38,13 @@ int Meaning(const QString &text, const QStringList &words)
 
 } // namespace
 
-CopyQuestions::CopyQuestions(QObject *parent) : QObject(parent)
+CopyQuestions::CopyQuestions()
 {
     if (!CanAsk())
         return;
-    m_notifier = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, this);
-    m_notifier->setEnabled(false);
-    connect(m_notifier, &QSocketNotifier::activated, this, &CopyQuestions::ReadInput);
+    m_input = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, this);
+    m_input->setEnabled(false);
+    connect(m_input, &QSocketNotifier::activated, this, &CopyQuestions::ReadInput);
 }
 
 bool CopyQuestions::CanAsk()
@@ -61,21 +61,19 @@ QString CopyQuestions::Facts(const QFileInfo &file)
 
 void CopyQuestions::AskConflict(const QString &situation)
 {
-    m_question = situation + QLatin1String(ConflictChoices);
-    Ask(Open::Conflict, m_question);
+    Ask(Open::Conflict, m_question = situation + QLatin1String(ConflictChoices));
 }
 
 void CopyQuestions::AskFailure()
 {
-    m_question = QLatin1String(FailureChoices);
-    Ask(Open::Failure, m_question);
+    Ask(Open::Failure, m_question = QLatin1String(FailureChoices));
 }
 
 void CopyQuestions::Cancel()
 {
     m_open = Open::None;
-    if (m_notifier)
-        m_notifier->setEnabled(false);
+    if (m_input)
+        m_input->setEnabled(false);
 }
 
 void CopyQuestions::Ask(Open question, const QString &text)
@@ -83,46 +81,42 @@ void CopyQuestions::Ask(Open question, const QString &text)
     m_open = question;
     std::fputs(qPrintable(text), stderr);
     std::fflush(stderr);
-    if (!m_notifier)
-        OnClosed();
+    if (!m_input)
+        return Answer(QString(), true);
+    m_input->setEnabled(true);
     // Lines typed ahead wait in the terminal, or here when one read brought more than one.
-    else if (!DeliverLine())
-        m_notifier->setEnabled(true);
+    if (m_typed.contains('\n'))
+        ReadInput();
 }
 
 void CopyQuestions::ReadInput()
 {
-    char bytes[4096];
-    const ssize_t count = ::read(STDIN_FILENO, bytes, sizeof bytes);
-    if (count < 0 && (errno == EINTR || errno == EAGAIN))
-        return;
-    if (count <= 0) {
-        m_notifier->setEnabled(false);
-        OnClosed();
-        return;
+    if (!m_typed.contains('\n')) {
+        char bytes[4096];
+        const ssize_t count = ::read(STDIN_FILENO, bytes, sizeof bytes);
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
+            return;
+        if (count <= 0) {
+            m_input->setEnabled(false);
+            return Answer(QString(), true);
+        }
+        m_typed.append(bytes, int(count));
     }
-    m_input.append(bytes, int(count));
-    DeliverLine();
-}
-
-bool CopyQuestions::DeliverLine()
-{
-    const int end = m_input.indexOf('\n');
+    const int end = m_typed.indexOf('\n');
     if (end < 0)
-        return false;
-    const QString line = QString::fromLocal8Bit(m_input.left(end)).trimmed();
-    m_input.remove(0, end + 1);
-    m_notifier->setEnabled(false);
+        return;
+    m_input->setEnabled(false);
+    const QString line = QString::fromLocal8Bit(m_typed.left(end)).trimmed();
+    m_typed.remove(0, end + 1);
     // With the terminal's echo off (as under a driving script) the answer
     // would otherwise be missing from the transcript.
     struct termios mode;
     if (::tcgetattr(STDIN_FILENO, &mode) == 0 && !(mode.c_lflag & ECHO))
         std::fprintf(stderr, "%s\n", qPrintable(line));
-    OnAnswered(line);
-    return true;
+    Answer(line);
 }
 
-void CopyQuestions::OnAnswered(const QString &line)
+void CopyQuestions::Answer(const QString &line, bool closed)
 {
     // In the order of the enums; "w" for newer.
     static const QStringList conflictWords
@@ -134,39 +128,21 @@ void CopyQuestions::OnAnswered(const QString &line)
             = { QStringLiteral("continue"), QStringLiteral("all|continue all"),
                 QStringLiteral("quit") };
     const Open open = std::exchange(m_open, Open::None);
-    int answer = -1;
-    switch (open) {
-    case Open::None:
+    const int meaning = Meaning(closed ? QStringLiteral("quit") : line,
+                                open == Open::Failure ? failureWords : conflictWords);
+    if (open == Open::None)
         return;
-    case Open::Conflict:
-        answer = Meaning(line, conflictWords);
-        if (answer == Rename)
-            Ask(Open::RenameTo, QLatin1String(RenameQuestion));
-        else if (answer >= 0)
-            emit ConflictAnswered(ConflictAnswer(answer), QString());
-        break;
-    case Open::RenameTo:
-        if (line.isEmpty())
-            Ask(Open::Conflict, m_question);
-        else
-            emit ConflictAnswered(Rename, line);
-        return;
-    case Open::Failure:
-        answer = Meaning(line, failureWords);
-        if (answer >= 0)
-            emit FailureAnswered(FailureAnswer(answer));
-        break;
-    }
-    if (answer < 0)
+    if (open == Open::RenameTo && !closed && line.isEmpty())
+        Ask(Open::Conflict, m_question);
+    else if (open == Open::RenameTo)
+        emit ConflictAnswered(closed ? Quit : Rename, line);
+    else if (meaning < 0)
         Ask(open,
             QStringLiteral("Please answer with one of the letters or words shown.\n") + m_question);
-}
-
-void CopyQuestions::OnClosed()
-{
-    const Open open = std::exchange(m_open, Open::None);
-    if (open == Open::Failure)
-        emit FailureAnswered(QuitAfterFailure);
-    else if (open != Open::None)
-        emit ConflictAnswered(Quit, QString());
+    else if (open == Open::Failure)
+        emit FailureAnswered(FailureAnswer(meaning));
+    else if (meaning == Rename)
+        Ask(Open::RenameTo, QLatin1String(RenameQuestion));
+    else
+        emit ConflictAnswered(ConflictAnswer(meaning), QString());
 }

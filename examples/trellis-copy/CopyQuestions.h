@@ -7,10 +7,10 @@ class QFileInfo;
 class QSocketNotifier;
 
 /*!
-    The questions asked on standard error, with their answers read a line
-    at a time from standard input, a terminal, without blocking the event
-    loop. An answer is a word or its first letter, in any case; one not
-    understood repeats the question, and the end of input answers quit.
+    The questions asked on standard error, with their answers read a line at
+    a time from standard input, a terminal, without blocking the event loop.
+    An answer is a word or its first letter, in any case; one not understood
+    repeats the question, and the end of input answers quit.
 */
 class CopyQuestions : public QObject
 {
@@ -18,21 +18,16 @@ class CopyQuestions : public QObject
 
 public:
     enum ConflictAnswer { Overwrite, OverwriteAll, Skip, SkipAll, Newer, Different, Rename, Quit };
-    Q_ENUM(ConflictAnswer)
     enum FailureAnswer { Continue, ContinueAll, QuitAfterFailure };
-    Q_ENUM(FailureAnswer)
 
-    explicit CopyQuestions(QObject *parent = nullptr);
+    CopyQuestions();
 
     //! Whether standard input is a terminal, so that there is someone to ask.
     static bool CanAsk();
     //! "size, modified date and time" of \a file.
     static QString Facts(const QFileInfo &file);
 
-    /*!
-        Asks about the conflict that \a situation (ending with a line end)
-        describes; a rename asks next for the new name or prefix.
-    */
+    //! \a situation ends with a line end. A rename asks next for the new name or prefix.
     void AskConflict(const QString &situation);
     void AskFailure();
     //! Drops the open question, if any; nothing is emitted for it.
@@ -48,12 +43,11 @@ private:
 
     void Ask(Open question, const QString &text);
     void ReadInput();
-    bool DeliverLine();
-    void OnAnswered(const QString &line);
-    void OnClosed();
+    //! Answers the open question with \a line, or with quit when input is \a closed.
+    void Answer(const QString &line, bool closed = false);
 
-    QSocketNotifier *m_notifier = nullptr; // on standard input, enabled while a question is open
-    QByteArray m_input;
+    QSocketNotifier *m_input = nullptr; // enabled while a question is open
+    QByteArray m_typed; // read, not yet answered
     Open m_open = Open::None;
     QString m_question; // asked again after a rename is taken back
 };

@@ -41,7 +41,8 @@ QString CopyTally::Bytes(qint64 bytes)
     return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeIecFormat);
 }
 
-QString CopyTally::ProgressLine(qint64 doneBytes, const QString &entry, int width, bool fit) const
+QString CopyTally::ProgressLine(qint64 doneBytes, qint64 totalBytes, const QString &entry,
+                                int width, bool fit) const
 {
     const double rate = doneBytes / (qMax<qint64>(m_clock.elapsed(), 1) / 1000.0);
     QString line = QStringLiteral("%1% %2/%3 %4/s %5 left %6 copied")

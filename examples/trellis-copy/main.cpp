@@ -3,13 +3,52 @@
 
 #include "CommandLine.h"
 #include "CopyController.h"
-#include "SignalNotifier.h"
 
 #include <QCoreApplication>
+#include <QSocketNotifier>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
+
+namespace {
+
+int signalPipe[2] = { -1, -1 };
+
+extern "C" void OnSignal(int signalNumber)
+{
+    const int savedErrno = errno;
+    const char byte = char(signalNumber);
+    [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &byte, 1);
+    errno = savedErrno;
+}
+
+// Hands SIGINT, SIGTERM, SIGHUP and SIGPIPE to the controller through the
+// event loop: the handler only writes the number into a pipe. A second
+// SIGINT, SIGTERM or SIGHUP ends the process at once; SIGPIPE stays caught,
+// so that a write to a closed pipe fails with EPIPE.
+void HandSignalsTo(CopyController &controller)
+{
+    if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        qFatal("trellis-copy: cannot create the signal pipe");
+    QObject::connect(new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &controller),
+                     &QSocketNotifier::activated, &controller, [&controller] {
+                         char number;
+                         while (::read(signalPipe[0], &number, 1) == 1)
+                             controller.OnSignal(number);
+                     });
+    for (const int signalNumber : { SIGINT, SIGTERM, SIGHUP, SIGPIPE }) {
+        struct sigaction action = {};
+        action.sa_handler = OnSignal;
+        action.sa_flags = SA_RESTART | (signalNumber == SIGPIPE ? 0 : SA_RESETHAND);
+        sigemptyset(&action.sa_mask);
+        ::sigaction(signalNumber, &action, nullptr);
+    }
+}
+
+} // namespace
 
 int main(int argc, char *argv[])
 {
@@ -36,9 +75,8 @@ int main(int argc, char *argv[])
         return std::fflush(stdout) == 0 ? 0 : 1;
     }
 
-    SignalNotifier notifier;
     CopyController controller(request);
-    QObject::connect(&notifier, &SignalNotifier::Signalled, &controller, &CopyController::OnSignal);
+    HandSignalsTo(controller);
     QObject::connect(&controller, &CopyController::Finished, &application,
                      [](int exitCode) { QCoreApplication::exit(exitCode); });
     QMetaObject::invokeMethod(&controller, &CopyController::Start, Qt::QueuedConnection);
