@@ -9,65 +9,57 @@
 namespace {
 
 const char *const Description
-        = "Copies files and directory trees into DEST, asking what to do where a\n"
-          "destination exists, with a progress line and a summary of what was copied,\n"
-          "skipped, failed or left out.\n"
-          "\n"
-          "Each copy gets the permission bits and modification time of its source.\n"
-          "With the option --library-mode it keeps the Trellis library's own rules\n"
-          "instead: write permission for others added, and the copy time, rounded down\n"
-          "to the minute.";
+        = "Copies files and directory trees into DEST, asking where a destination exists,\n"
+          "with a progress line and a summary.\n"
+          "Each copy gets the permission bits and modification time of its source;\n"
+          "--library-mode keeps the Trellis library's rules instead: write permission\n"
+          "for others added, the copy time rounded down to the minute.";
 
 const char *const Details = R"(
 Where things land:
-  Each SOURCE lands in DEST (created as needed) under its own name: a/b.txt as
-  DEST/b.txt, a/src/ as DEST/src. A single file SOURCE and a DEST that is not a
-  directory (nor ends in /) copies the file to the name DEST, as cp does. DEST
-  must not lie inside a SOURCE, be the directory a SOURCE is in, or hold a %
-  followed by a digit; a FIFO, socket or device as SOURCE is refused. A final
-  three-letter extension is written in lower case (Photo.JPG as Photo.jpg,
-  where an existing Photo.jpg counts as its destination); two sources landing
-  on one name are found before anything is copied, and the second is asked
-  about, even after an all answer, or reported as failed. Left out, counted
-  by kind in the summary and named by --verbose: hidden entries inside
-  directories (a hidden SOURCE is copied), FIFOs, sockets, devices, links to
-  nothing and links leading back into the tree. Other links are followed.
+  Each SOURCE lands in DEST (created as needed) under its own name. A single
+  file SOURCE and a DEST that is not a directory (nor ends in /) copies the
+  file to the name DEST, as cp does. DEST must not lie inside a SOURCE, be the
+  directory a SOURCE is in, or hold a % followed by a digit; a FIFO, socket or
+  device as SOURCE is refused. A final three-letter extension is written in
+  lower case (Photo.JPG as Photo.jpg, where an existing Photo.jpg counts as its
+  destination): two sources landing on one name are found before anything is
+  copied, and the second is asked about, even after an all answer, or fails.
+  Hidden entries inside directories, FIFOs, sockets, devices, links to nothing
+  and links back into the tree are left out, counted in the summary and named
+  by --verbose. Other links are followed.
 
 Answers where a destination exists (a word or its first letter, then Enter):
   o, overwrite      copy this item over its destination
   a, all            overwrite this and every later conflict
   s, skip           leave this item uncopied
   n, none           skip this and every later conflict
-  w, newer          overwrite when the source is newer, otherwise skip; for
-                    this and every later conflict
-  d, different      overwrite when size or modification time differ,
-                    otherwise skip; for this and every later conflict
-  r, rename         a NAME without / and %1 is the item's new name in its
-                    directory; anything else is a PREFIX replacing DEST for
-                    this item, %1 standing for its name without its last
-                    extension (/backup/%1-old); copied after the rest of its
-                    batch, and asked about again if that place is taken too
-  q, quit           stop here (exit code 1); so does end of input (Ctrl-D)
+  w, newer          from now on overwrite where the source is newer, else skip
+  d, different      from now on overwrite where size or time differ, else skip
+  r, rename         a NAME without / and %1: the item's new name beside its
+                    destination; otherwise a PREFIX replacing DEST for this
+                    item, %1 standing for its name without its extension; the
+                    item is copied after its batch, and asked about if taken
+  q, quit           stop here, as does the end of input (Ctrl-D)
 
 Failures, output and stopping:
-  A failure is reported with its path and the system's reason, and the rest of
-  its item is left; then c, continue, a, all (continue after later failures
-  too) or q, quit. Without a terminal on standard input the copy goes on after
-  failures, and the rule ask ends at the first conflict, with exit code 1.
-  Progress goes to standard output: on a terminal a line redrawn at most ten
-  times a second (bytes done and in all, percentage, rate, time left, counts,
-  the current entry), otherwise a plain line at most once a second; then a
-  summary. Questions and errors go to standard error. Ctrl-C, SIGTERM, SIGHUP,
-  SIGPIPE and a failed write to standard output or error stop the copy within
-  a moment; the incomplete copy of the file being copied is removed (kept with
-  --keep-partial) and named. A second Ctrl-C ends the program at once.
+  A failure names the path and the system's reason and leaves the rest of its
+  item; then c, continue, a, all (continue after later failures too) or q,
+  quit. Without a terminal on standard input failures are not asked about, and
+  the rule ask stops at the first conflict. Standard output has a progress line
+  (bytes done and in all, percentage, rate, time left, counts, current entry),
+  redrawn ten times a second on a terminal, else printed once a second, and a
+  summary; questions and errors go to standard error. Ctrl-C, SIGTERM, SIGHUP,
+  SIGPIPE and failed writes stop the copy within a moment and remove the
+  incomplete copy of the file being copied (--keep-partial keeps it). A second
+  Ctrl-C ends the program at once.
 
 Exit codes:
-  0    everything was copied, or skipped by an answer or --on-conflict
-  1    something was not copied: a failure, quit, a conflict nobody could be
-       asked about, a signal or a write error
+  0    everything copied, or skipped by an answer or --on-conflict
+  1    something not copied: a failure, quit, a conflict nobody could be asked
+       about, a signal or a write error
   2    usage error: a bad option or value, fewer than two paths, an empty,
-       missing or special SOURCE, or an unusable DEST
+       missing or special SOURCE, an unusable DEST
   130  interrupted by Ctrl-C (SIGINT)
 )";
 
@@ -111,107 +103,104 @@ CommandLine::CommandLine(const QStringList &arguments)
     QCommandLineParser parser;
     parser.setApplicationDescription(QLatin1String(Description));
     const QCommandLineOption help = parser.addHelpOption();
-    parser.addOptions({
-            { { QStringLiteral("V"), QStringLiteral("version") },
-              QStringLiteral("Print the version and exit.") },
-            { { QStringLiteral("v"), QStringLiteral("verbose") },
-              QStringLiteral("List every entry copied, skipped or left out.") },
-            { { QStringLiteral("q"), QStringLiteral("quiet") },
-              QStringLiteral("Print only errors and the summary.") },
-            { { QStringLiteral("n"), QStringLiteral("dry-run") },
-              QStringLiteral("List what would be copied, skipped, asked about or left out, and "
-                             "copy nothing.") },
-            { QStringLiteral("on-conflict"),
-              QStringLiteral("What to do where a destination exists: ask (the default), "
-                             "overwrite, skip, newer or different (see the answers below)."),
-              QStringLiteral("rule"), QStringLiteral("ask") },
-            { QStringLiteral("depth"),
-              QStringLiteral("Split each source directory into work items <N> levels down: "
-                             "with -1 (the default) each file and empty directory is one, "
-                             "with 0 each SOURCE, asked about once, whose overwrite replaces "
-                             "all of its files that exist at the destination."),
-              QStringLiteral("N"), QStringLiteral("-1") },
-            { QStringLiteral("keep-partial"),
-              QStringLiteral("Keep the incomplete copy of a file whose copy was stopped.") },
-            { QStringLiteral("library-mode"),
-              QStringLiteral("Keep the library's permissions and time stamps on copies.") },
-    });
+    // names: "short|long" or "long".
+    const auto option = [&parser](const char *names, const char *description,
+                                  const char *value = "", const char *defaultValue = "") {
+        parser.addOption({ QString::fromLatin1(names).split(QLatin1Char('|')),
+                           QString::fromLatin1(description), QString::fromLatin1(value),
+                           QString::fromLatin1(defaultValue) });
+    };
+    option("V|version", "Print the version and exit.");
+    option("v|verbose", "List every entry copied, skipped or left out.");
+    option("q|quiet", "Print only errors and the summary.");
+    option("n|dry-run",
+           "List what would be copied, skipped, asked about or left out, and copy nothing.");
+    option("on-conflict",
+           "What to do where a destination exists: ask (the default), overwrite, "
+           "skip, newer or different (see the answers below).",
+           "rule", "ask");
+    option("depth",
+           "Split each source directory into work items <N> levels down: with -1 (the "
+           "default) each file and empty directory is one, with 0 each SOURCE, asked about once, "
+           "whose overwrite replaces all of its files that exist at the destination.",
+           "N", "-1");
+    option("keep-partial", "Keep the incomplete copy of a file whose copy was stopped.");
+    option("library-mode", "Keep the library's permissions and time stamps on copies.");
     parser.addPositionalArgument(QStringLiteral("SOURCE"),
                                  QStringLiteral("Files and directories to copy."),
                                  QStringLiteral("SOURCE..."));
     parser.addPositionalArgument(QStringLiteral("DEST"),
                                  QStringLiteral("The directory they are copied into."));
-    m_helpText = parser.helpText() + QLatin1String(Details);
+    helpText = parser.helpText() + QLatin1String(Details);
     const auto isSet = [&parser](const char *name) { return parser.isSet(QLatin1String(name)); };
 
     if (!parser.parse(arguments)) {
-        m_error = parser.errorText();
+        error = parser.errorText();
         return;
     }
     if (parser.isSet(help) || isSet("version")) {
-        m_outcome = parser.isSet(help) ? ShowHelp : ShowVersion;
+        outcome = parser.isSet(help) ? ShowHelp : ShowVersion;
         return;
     }
     bool depthIsNumber = false;
-    m_depth = parser.value(QStringLiteral("depth")).toInt(&depthIsNumber);
+    depth = parser.value(QStringLiteral("depth")).toInt(&depthIsNumber);
     const QStringList rules
             = { QStringLiteral("ask"), QStringLiteral("overwrite"), QStringLiteral("skip"),
                 QStringLiteral("newer"), QStringLiteral("different") };
     const int rule = rules.indexOf(parser.value(QStringLiteral("on-conflict")));
     QStringList paths = parser.positionalArguments();
     if (isSet("verbose") && isSet("quiet"))
-        m_error = QStringLiteral("--verbose and --quiet exclude each other");
+        error = QStringLiteral("--verbose and --quiet exclude each other");
     else if (!depthIsNumber)
-        m_error = QStringLiteral("--depth takes a whole number, not \"%1\"")
-                          .arg(parser.value(QStringLiteral("depth")));
+        error = QStringLiteral("--depth takes a whole number, not \"%1\"")
+                        .arg(parser.value(QStringLiteral("depth")));
     else if (rule < 0)
-        m_error = QStringLiteral("--on-conflict takes %1, not \"%2\"")
-                          .arg(rules.join(QStringLiteral(", ")),
-                               parser.value(QStringLiteral("on-conflict")));
+        error = QStringLiteral("--on-conflict takes %1, not \"%2\"")
+                        .arg(rules.join(QStringLiteral(", ")),
+                             parser.value(QStringLiteral("on-conflict")));
     else if (paths.size() < 2)
-        m_error = QStringLiteral("give at least one SOURCE and a DEST");
+        error = QStringLiteral("give at least one SOURCE and a DEST");
     else if (paths.contains(QString()))
-        m_error = QStringLiteral("an empty path names no file: give DEST and every SOURCE");
-    if (!m_error.isEmpty())
+        error = QStringLiteral("an empty path names no file: give DEST and every SOURCE");
+    if (!error.isEmpty())
         return;
 
-    m_rule = ConflictRule(rule);
-    m_verbosity = isSet("verbose") ? Verbose : isSet("quiet") ? Quiet : Normal;
-    m_dryRun = isSet("dry-run");
-    m_keepPartial = isSet("keep-partial");
-    m_libraryMode = isSet("library-mode");
+    conflictRule = ConflictRule(rule);
+    verbosity = isSet("verbose") ? Verbose : isSet("quiet") ? Quiet : Normal;
+    dryRun = isSet("dry-run");
+    keepPartial = isSet("keep-partial");
+    libraryMode = isSet("library-mode");
     for (const QString &path : std::as_const(paths))
-        m_sources.append(QDir::cleanPath(QFileInfo(path).absoluteFilePath()));
-    m_destination = m_sources.takeLast();
-    m_sources.removeDuplicates();
-    m_destinationIsFileName = m_sources.size() == 1 && !QFileInfo(m_sources.first()).isDir()
-            && !QFileInfo(m_destination).isDir() && !paths.last().endsWith(QLatin1Char('/'));
-    m_error = WhyNotCopied();
-    if (m_error.isEmpty())
-        m_outcome = Copy;
+        sources.append(QDir::cleanPath(QFileInfo(path).absoluteFilePath()));
+    destination = sources.takeLast();
+    sources.removeDuplicates();
+    destinationIsFileName = sources.size() == 1 && !QFileInfo(sources.first()).isDir()
+            && !QFileInfo(destination).isDir() && !paths.last().endsWith(QLatin1Char('/'));
+    error = WhyNotCopied();
+    if (error.isEmpty())
+        outcome = Copy;
 }
 
 QString CommandLine::WhyNotCopied() const
 {
-    if (m_destination.contains(QRegularExpression(QStringLiteral("%L?\\d"))))
+    if (destination.contains(QRegularExpression(QStringLiteral("%L?\\d"))))
         return QStringLiteral("DEST %1 holds a '%' followed by a digit, which the copy would "
                               "replace by entry names")
-                .arg(m_destination);
-    if (!m_destinationIsFileName && QFileInfo::exists(m_destination)
-        && !QFileInfo(m_destination).isDir())
-        return QStringLiteral("DEST %1 exists and is not a directory").arg(m_destination);
-    const QString destination = CanonicalPathOf(m_destination);
-    for (const QString &path : m_sources) {
+                .arg(destination);
+    if (!destinationIsFileName && QFileInfo::exists(destination) && !QFileInfo(destination).isDir())
+        return QStringLiteral("DEST %1 exists and is not a directory").arg(destination);
+    const QString canonical = CanonicalPathOf(destination);
+    for (const QString &path : sources) {
         const QString why = WhyNoSource(path);
         if (!why.isEmpty())
             return why;
         const QFileInfo source(path);
-        if (m_destinationIsFileName && source.canonicalFilePath() == destination)
+        if (destinationIsFileName && source.canonicalFilePath() == canonical)
             return QStringLiteral("SOURCE %1 and DEST are the same file").arg(path);
-        if (source.isDir() && IsSameOrInside(destination, source.canonicalFilePath()))
-            return QStringLiteral("DEST %1 lies inside SOURCE %2").arg(m_destination, path);
-        if (!m_destinationIsFileName && CanonicalPathOf(source.absolutePath()) == destination)
-            return QStringLiteral("SOURCE %1 is already in DEST %2").arg(path, m_destination);
+        if (source.isDir() && IsSameOrInside(canonical, source.canonicalFilePath()))
+            return QStringLiteral("DEST %1 lies inside SOURCE %2").arg(destination, path);
+        if (!destinationIsFileName && CanonicalPathOf(source.absolutePath()) == canonical)
+            return QStringLiteral("SOURCE %1 is already in DEST %2").arg(path, destination);
     }
     return QString();
 }

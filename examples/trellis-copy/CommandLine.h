@@ -5,8 +5,8 @@
 
 /*!
     The arguments of trellis-copy, parsed and checked against the file
-    system. outcome() says what the program does; only for Copy do the
-    other accessors hold the request, its paths absolute and clean.
+    system. outcome says what the program does; only for Copy do the other
+    members hold the request, its paths absolute and clean.
 */
 class CommandLine
 {
@@ -19,36 +19,23 @@ public:
     //! Parses \a arguments, the program name first.
     explicit CommandLine(const QStringList &arguments);
 
-    Outcome outcome() const { return m_outcome; }
-    QString error() const { return m_error; }
-    QString helpText() const { return m_helpText; }
-    QStringList sources() const { return m_sources; }
-    QString destination() const { return m_destination; }
+    Outcome outcome = UsageError;
+    QString error;
+    QString helpText;
+    QStringList sources;
+    QString destination;
     //! Whether DEST is the name of the copy of the single file SOURCE, as with cp.
-    bool destinationIsFileName() const { return m_destinationIsFileName; }
-    int depth() const { return m_depth; }
-    ConflictRule conflictRule() const { return m_rule; }
-    Verbosity verbosity() const { return m_verbosity; }
-    bool dryRun() const { return m_dryRun; }
-    bool keepPartial() const { return m_keepPartial; }
+    bool destinationIsFileName = false;
+    int depth = -1;
+    ConflictRule conflictRule = Ask;
+    Verbosity verbosity = Normal;
+    bool dryRun = false;
+    bool keepPartial = false;
     //! Whether copies keep the library's permissions and time stamps.
-    bool libraryMode() const { return m_libraryMode; }
+    bool libraryMode = false;
 
 private:
     QString WhyNotCopied() const;
-
-    Outcome m_outcome = UsageError;
-    QString m_error;
-    QString m_helpText;
-    QStringList m_sources;
-    QString m_destination;
-    bool m_destinationIsFileName = false;
-    int m_depth = -1;
-    ConflictRule m_rule = Ask;
-    Verbosity m_verbosity = Normal;
-    bool m_dryRun = false;
-    bool m_keepPartial = false;
-    bool m_libraryMode = false;
 };
 
 #endif // TRELLIS_COPY_COMMANDLINE_H

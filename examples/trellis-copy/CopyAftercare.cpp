@@ -7,7 +7,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -29,7 +28,7 @@ void CopyAftercare::Finished(const QFileInfo &source, const QString &copy) const
         return;
     m_console.Error(QStringLiteral("trellis-copy: cannot give %1 the permissions and time of its "
                                    "source: %2")
-                            .arg(copy, QString::fromLocal8Bit(std::strerror(errno))));
+                            .arg(copy, qt_error_string(errno)));
 }
 
 void CopyAftercare::Failed(const QFileInfo &source, const QString &copy) const

@@ -5,22 +5,11 @@
 #include <QDir>
 
 #include <cerrno>
-#include <csignal>
-#include <cstring>
-
-namespace {
-
-QString Reason(int error)
-{
-    return QString::fromLocal8Bit(std::strerror(error));
-}
-
-} // namespace
 
 CopyController::CopyController(const CommandLine &request, QObject *parent)
-    : QObject(parent), m_request(request), m_rule(request.conflictRule()),
+    : QObject(parent), m_request(request), m_rule(request.conflictRule),
       m_continueAfterFailures(!CopyQuestions::CanAsk()),
-      m_aftercare(request.libraryMode(), request.keepPartial(), m_console)
+      m_aftercare(request.libraryMode, request.keepPartial, m_console)
 {
     const auto onProgress = [this](int percent) {
         m_percent = percent;
@@ -51,8 +40,8 @@ CopyController::CopyController(const CommandLine &request, QObject *parent)
                     Resume(TFileCopyTask::Ask);
             });
     connect(&m_console, &Console::WriteFailed, this, [this](const QString &stream, int error) {
-        m_console.Error(
-                QStringLiteral("trellis-copy: cannot write to %1: %2").arg(stream, Reason(error)));
+        m_console.Error(QStringLiteral("trellis-copy: cannot write to %1: %2")
+                                .arg(stream, qt_error_string(error)));
         Stop(1, QStringLiteral("Stopped"));
     });
     m_thread.MoveToThisThread(&m_task);
@@ -68,10 +57,10 @@ void CopyController::Start()
 {
     if (m_finished)
         return;
-    const QFileInfo destination(m_request.destination());
-    const QString directory = m_request.destinationIsFileName() ? destination.absolutePath()
-                                                                : destination.absoluteFilePath();
-    if (!m_request.dryRun() && !QDir().mkpath(directory)) {
+    const QFileInfo destination(m_request.destination);
+    const QString directory = m_request.destinationIsFileName ? destination.absolutePath()
+                                                              : destination.absoluteFilePath();
+    if (!m_request.dryRun && !QDir().mkpath(directory)) {
         m_console.Error(
                 QStringLiteral("trellis-copy: cannot create the directory %1").arg(directory));
         return Finish(1, QStringLiteral("Failed"));
@@ -100,13 +89,13 @@ void CopyController::OnPlanned(const std::shared_ptr<CopyPlan> &plan)
             m_console.Error(
                     QStringLiteral("trellis-copy: not following %1: it leads back into the tree")
                             .arg(path));
-        else if (verbose() || m_request.dryRun())
+        else if (verbose() || m_request.dryRun)
             m_console.Print(QStringLiteral("left out %1 (%2)")
                                     .arg(path, CopyTally::Describe(leftOut.reason)));
     }
-    if (!m_request.dryRun())
+    if (!m_request.dryRun)
         return StartBatch();
-    for (const QString &line : plan->DryRun(m_request.conflictRule()))
+    for (const QString &line : plan->DryRun(m_request.conflictRule))
         m_console.Print(line);
     m_finished = true;
     emit Finished(0);
@@ -126,7 +115,7 @@ void CopyController::StartBatch()
 void CopyController::OnFileCopied(const QFileInfo &entry)
 {
     ++m_tally.copied;
-    Advance(entry);
+    m_cursor = batch().EntryRange(entry).second;
     const QString copy = batch().WrittenPath(entry);
     if (verbose())
         m_console.Print(QStringLiteral("%1 -> %2").arg(entry.absoluteFilePath(), copy));
@@ -136,11 +125,11 @@ void CopyController::OnFileCopied(const QFileInfo &entry)
 
 void CopyController::OnEntryFailed(const QFileInfo &entry, int error)
 {
-    Advance(entry);
+    m_cursor = batch().EntryRange(entry).second;
     if (error != ECANCELED) {
         ++m_tally.failed;
         m_console.Error(QStringLiteral("trellis-copy: cannot copy %1: %2")
-                                .arg(entry.absoluteFilePath(), Reason(error)));
+                                .arg(entry.absoluteFilePath(), qt_error_string(error)));
     }
     m_aftercare.Failed(entry, batch().WrittenPath(entry));
 }
@@ -168,7 +157,7 @@ void CopyController::OnConflict()
     const QString destination = batch().ExistingDestination(item);
     const QString first = m_plan->CollidesWith(item);
     const bool canAsk = CopyQuestions::CanAsk();
-    if (!first.isEmpty() && !(canAsk && m_request.conflictRule() == CommandLine::Ask)) {
+    if (!first.isEmpty() && !(canAsk && m_request.conflictRule == CommandLine::Ask)) {
         m_console.Error(QStringLiteral("trellis-copy: cannot copy %1: it would be written to %2, "
                                        "where %3 was copied")
                                 .arg(item.absoluteFilePath(), destination, first));
@@ -242,34 +231,15 @@ void CopyController::Resume(TFileCopyTask::EFileExistsAction action)
             &m_task, [this, action] { m_task.Continue(action); }, Qt::QueuedConnection);
 }
 
-void CopyController::Advance(const QFileInfo &entry)
-{
-    const QList<QFileInfo> &entries = batch().entries();
-    for (int index = m_cursor; index < entries.size(); ++index) {
-        if (entries.at(index).absoluteFilePath() == entry.absoluteFilePath()) {
-            m_cursor = index + 1;
-            return;
-        }
-    }
-}
-
 void CopyController::ShowProgress()
 {
-    if (m_request.verbosity() == CommandLine::Quiet || !m_console.StatusDue())
+    if (m_request.verbosity == CommandLine::Quiet || !m_console.StatusDue())
         return;
     const QList<QFileInfo> &entries = batch().entries();
     m_console.ShowStatus(m_tally.ProgressLine(
             m_bytesBefore + batch().bytes() * m_percent / 100, m_plan->bytes(),
             m_cursor < entries.size() ? entries.at(m_cursor).absoluteFilePath() : QString(),
             Console::Width(), m_console.isLive()));
-}
-
-void CopyController::OnSignal(int signalNumber)
-{
-    if (signalNumber == SIGINT)
-        Stop(130, QStringLiteral("Interrupted"));
-    else
-        Stop(1, QStringLiteral("Stopped by ") + QString::fromLocal8Bit(::strsignal(signalNumber)));
 }
 
 void CopyController::Stop(int exitCode, const QString &verdict)

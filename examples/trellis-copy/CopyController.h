@@ -13,15 +13,12 @@
 #include <memory>
 
 /*!
-    Runs one request: plans it in the worker thread, hands the copy task
-    there one batch after the other, decides each conflict by the rule in
-    force or through the user, reports failures with their causes, shows
-    the progress and ends with a summary and an exit code.
-
-    It reaches the task through queued connections and invocations only,
-    except for Stop(), which must reach a running pass directly. The task
-    always asks, so that a collision within the run is never overwritten
-    by an "all" rule.
+    Runs one request: plans it in the worker thread, hands the copy task there
+    one batch after another, decides conflicts by the rule in force or through
+    the user, reports failures with their causes, shows progress and ends with
+    a summary. Only the task's Stop() is called across threads; everything
+    else is queued. The task always asks, so that a collision within the run
+    is never overwritten by an "all" rule.
 */
 class CopyController : public QObject
 {
@@ -34,10 +31,9 @@ public:
     //! The walk of planning writes nothing, so need not be waited for.
     bool isPlanning() const { return m_thread.isRunning() && !m_plan; }
 
-public slots:
     void Start();
-    //! Exit code 130 for SIGINT, 1 for the others.
-    void OnSignal(int signalNumber);
+    //! Stops the copy, and finishes once the running pass has stopped.
+    void Stop(int exitCode, const QString &verdict);
 
 signals:
     void Finished(int exitCode);
@@ -48,26 +44,22 @@ private:
     void OnFileCopied(const QFileInfo &entry);
     void OnEntryFailed(const QFileInfo &entry, int error);
     void OnState(int state, const QFileInfo &item);
-    // These concern m_conflictItem.
-    void OnConflict();
+    void OnConflict(); // these four about m_conflictItem
     void OnConflictAnswered(CopyQuestions::ConflictAnswer answer, const QString &renameTo);
     void Decide();
     void Skip(bool failed = false);
-
     void Resume(TFileCopyTask::EFileExistsAction action);
-    void Advance(const QFileInfo &entry);
     void ShowProgress();
-    void Stop(int exitCode, const QString &verdict);
     void Finish(int exitCode, const QString &verdict);
 
     const CopyPlan::Batch &batch() const { return m_plan->batches().at(m_batchIndex); }
-    bool verbose() const { return m_request.verbosity() == CommandLine::Verbose; }
+    bool verbose() const { return m_request.verbosity == CommandLine::Verbose; }
 
     const CommandLine m_request;
     CommandLine::ConflictRule m_rule; // the preset, or what an "all" answer set
     bool m_continueAfterFailures;
 
-    // The worker thread the task lives in; the task needs no set-up of its own.
+    // The task needs no set-up of its own in its thread.
     struct Thread : TThreadedObject
     {
         Thread() : TThreadedObject(QStringLiteral("trellis-copy")) { }

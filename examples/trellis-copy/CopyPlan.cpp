@@ -33,12 +33,15 @@ CopyPlan::Batch::Batch(const Batch &batch, const QFileInfo &item, const QString 
 
 void CopyPlan::Batch::Append(const QFileInfo &item, const QList<QFileInfo> &entries)
 {
-    m_entryRanges.insert(item.absoluteFilePath(),
-                         { m_entries.size(), m_entries.size() + entries.size() });
-    m_items.append(item);
-    m_entries.append(entries);
-    for (const QFileInfo &entry : entries)
+    // Each entry has its range too, which tells the entry after it.
+    for (const QFileInfo &entry : entries) {
+        m_entryRanges.insert(entry.absoluteFilePath(), { m_entries.size(), m_entries.size() + 1 });
+        m_entries.append(entry);
         m_bytes += entry.size();
+    }
+    m_entryRanges.insert(item.absoluteFilePath(),
+                         { m_entries.size() - entries.size(), m_entries.size() });
+    m_items.append(item);
 }
 
 void CopyPlan::Batch::CopyWith(TFileCopyTask &task) const
@@ -88,18 +91,18 @@ CopyPlan::CopyPlan(const CommandLine &request, const std::atomic<bool> &cancelle
     };
     QVector<QList<QPair<QFileInfo, QList<QFileInfo>>>> items; // by batch: items and their entries
     QHash<QString, int> batchOfParent;
-    for (const QString &path : request.sources()) {
+    for (const QString &path : request.sources) {
         const QFileInfo source(path);
         // A single file copied to a new name matches its source prefix whole.
-        const QString parent = request.destinationIsFileName()
+        const QString parent = request.destinationIsFileName
                 ? path
                 : (source.absolutePath() == QLatin1String("/") ? QString() : source.absolutePath());
         if (!batchOfParent.contains(parent)) {
             batchOfParent.insert(parent, m_batches.size());
-            m_batches.append(Batch(QRegExp::escape(parent), request.destination()));
+            m_batches.append(Batch(QRegExp::escape(parent), request.destination));
             items.resize(m_batches.size());
         }
-        for (const QFileInfo &item : TFileCopyTask::WorkItems(source, request.depth(), leftOut)) {
+        for (const QFileInfo &item : TFileCopyTask::WorkItems(source, request.depth, leftOut)) {
             if (cancelled.load())
                 return;
             items[batchOfParent.value(parent)].append(
@@ -139,42 +142,42 @@ qint64 CopyPlan::bytes() const
 
 QStringList CopyPlan::DryRun(CommandLine::ConflictRule rule) const
 {
+    enum Fate { Copied, Asked, Overwritten, Skipped, Colliding };
+    const QString fates[]
+            = { QString(), QStringLiteral("would be asked about, exists at"),
+                QStringLiteral("would overwrite"), QStringLiteral("would be skipped, exists at") };
+    int counts[5] = {};
     QStringList lines;
-    int copies = 0, questions = 0, overwrites = 0, skips = 0, collisions = 0;
     for (const Batch &batch : m_batches) {
         for (const QFileInfo &item : batch.items()) {
             const QString first = CollidesWith(item);
-            QString fate;
-            if (!first.isEmpty()) {
-                ++collisions;
-                fate = QStringLiteral("collides with %1 at").arg(first);
-            } else if (batch.ExistingDestination(item).isEmpty()) {
-                for (int entry = batch.EntryRange(item).first;
-                     entry < batch.EntryRange(item).second; ++entry, ++copies)
-                    lines.append(QStringLiteral("%1 -> %2")
-                                         .arg(batch.entries().at(entry).absoluteFilePath(),
-                                              batch.WrittenPath(batch.entries().at(entry))));
+            const Fate fate = !first.isEmpty()                  ? Colliding
+                    : batch.ExistingDestination(item).isEmpty() ? Copied
+                    : rule == CommandLine::Ask                  ? Asked
+                    : batch.Overwrites(rule, item)              ? Overwritten
+                                                                : Skipped;
+            if (fate != Copied) {
+                ++counts[fate];
+                const QString how = fate == Colliding
+                        ? QStringLiteral("collides with %1 at").arg(first)
+                        : fates[fate];
+                lines.append(QStringLiteral("%1 %2 %3")
+                                     .arg(item.absoluteFilePath(), how, batch.WrittenPath(item)));
                 continue;
-            } else if (rule == CommandLine::Ask) {
-                ++questions;
-                fate = QStringLiteral("would be asked about, exists at");
-            } else if (batch.Overwrites(rule, item)) {
-                ++overwrites;
-                fate = QStringLiteral("would overwrite");
-            } else {
-                ++skips;
-                fate = QStringLiteral("would be skipped, exists at");
             }
-            lines.append(QStringLiteral("%1 %2 %3")
-                                 .arg(item.absoluteFilePath(), fate, batch.WrittenPath(item)));
+            const auto [firstEntry, end] = batch.EntryRange(item);
+            for (const QFileInfo &entry : batch.entries().mid(firstEntry, end - firstEntry))
+                lines.append(QStringLiteral("%1 -> %2")
+                                     .arg(entry.absoluteFilePath(), batch.WrittenPath(entry)));
+            counts[Copied] += end - firstEntry;
         }
     }
     return lines << QStringLiteral(
                             "Dry run, nothing copied: %1 entries to copy, %2 conflicts to ask "
                             "about, %3 to overwrite, %4 to skip, %5 colliding names")
-                            .arg(copies)
-                            .arg(questions)
-                            .arg(overwrites)
-                            .arg(skips)
-                            .arg(collisions);
+                            .arg(counts[Copied])
+                            .arg(counts[Asked])
+                            .arg(counts[Overwritten])
+                            .arg(counts[Skipped])
+                            .arg(counts[Colliding]);
 }

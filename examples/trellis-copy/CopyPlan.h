@@ -42,7 +42,7 @@ public:
         const QList<QFileInfo> &entries() const { return m_entries; }
         //! As the task measures it: every entry's size, directories included.
         qint64 bytes() const { return m_bytes; }
-        //! The entries of \a item are entries()[first, second).
+        //! The entries of \a item, or \a item the entry, are entries()[first, second).
         QPair<int, int> EntryRange(const QFileInfo &item) const
         {
             return m_entryRanges.value(item.absoluteFilePath());
@@ -60,7 +60,7 @@ public:
         QString m_destinationPrefix;
         QList<QFileInfo> m_items;
         QList<QFileInfo> m_entries;
-        QHash<QString, QPair<int, int>> m_entryRanges; // by item
+        QHash<QString, QPair<int, int>> m_entryRanges; // by item and by entry
         qint64 m_bytes = 0;
     };
 

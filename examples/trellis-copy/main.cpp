@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -37,7 +38,11 @@ void HandSignalsTo(CopyController &controller)
                      &QSocketNotifier::activated, &controller, [&controller] {
                          char number;
                          while (::read(signalPipe[0], &number, 1) == 1)
-                             controller.OnSignal(number);
+                             controller.Stop(
+                                     number == SIGINT ? 130 : 1,
+                                     number == SIGINT ? QStringLiteral("Interrupted")
+                                                      : QStringLiteral("Stopped by ")
+                                                     + QString::fromLocal8Bit(::strsignal(number)));
                      });
     for (const int signalNumber : { SIGINT, SIGTERM, SIGHUP, SIGPIPE }) {
         struct sigaction action = {};
@@ -62,15 +67,15 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("trellis-copy"));
 
     const CommandLine request(QCoreApplication::arguments());
-    if (request.outcome() == CommandLine::UsageError) {
+    if (request.outcome == CommandLine::UsageError) {
         std::fprintf(stderr, "trellis-copy: %s\nTry 'trellis-copy --help' for more.\n",
-                     qPrintable(request.error()));
+                     qPrintable(request.error));
         return 2;
     }
-    if (request.outcome() != CommandLine::Copy) {
-        std::fputs(request.outcome() == CommandLine::ShowHelp
-                           ? qPrintable(request.helpText())
-                           : "trellis-copy " TRELLIS_VERSION_STRING "\n",
+    if (request.outcome != CommandLine::Copy) {
+        std::fputs(request.outcome == CommandLine::ShowHelp ? qPrintable(request.helpText)
+                                                            : "trellis-copy " TRELLIS_VERSION_STRING
+                                                              "\n",
                    stdout);
         return std::fflush(stdout) == 0 ? 0 : 1;
     }
