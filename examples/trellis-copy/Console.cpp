@@ -18,12 +18,6 @@ Console::Console() : m_live(::isatty(STDOUT_FILENO) == 1)
         m_sinceStatus.start();
 }
 
-int Console::Width()
-{
-    struct winsize size = {};
-    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
-}
-
 bool Console::StatusDue()
 {
     if (m_sinceStatus.isValid() && m_sinceStatus.elapsed() < (m_live ? 100 : 1000))
@@ -32,8 +26,17 @@ bool Console::StatusDue()
     return true;
 }
 
-void Console::ShowStatus(const QString &line)
+void Console::ShowStatus(const QString &figures, const QString &entry)
 {
+    struct winsize size = {};
+    if (!m_live || ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
+        size.ws_col = 80;
+    // The last column stays free: writing into it makes some terminals wrap.
+    const int room = size.ws_col - 1 - figures.size();
+    const QString line = !m_live || entry.size() <= room ? figures + entry
+            : room <= 3                                  ? figures
+                        : figures + entry.left((room - 3) / 2) + QLatin1String("...")
+                    + entry.right(room - 3 - (room - 3) / 2);
     if (m_live)
         m_statusShown = Write(STDOUT_FILENO, EraseLine + line.toLocal8Bit());
     else

@@ -17,12 +17,10 @@ class Console : public QObject
 public:
     Console();
 
-    //! The terminal's width in columns, 80 when it cannot be told.
-    static int Width();
-    bool isLive() const { return m_live; }
     //! Whether a status line is due now; if so, the next is due an interval later.
     bool StatusDue();
-    void ShowStatus(const QString &line);
+    //! On a terminal, \a entry is shortened in the middle to fit the width.
+    void ShowStatus(const QString &figures, const QString &entry);
     void ClearStatus();
     void Print(const QString &text);
     //! Writes to standard error, or to standard output if that failed.

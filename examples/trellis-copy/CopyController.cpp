@@ -236,10 +236,9 @@ void CopyController::ShowProgress()
     if (m_request.verbosity == CommandLine::Quiet || !m_console.StatusDue())
         return;
     const QList<QFileInfo> &entries = batch().entries();
-    m_console.ShowStatus(m_tally.ProgressLine(
-            m_bytesBefore + batch().bytes() * m_percent / 100, m_plan->bytes(),
-            m_cursor < entries.size() ? entries.at(m_cursor).absoluteFilePath() : QString(),
-            Console::Width(), m_console.isLive()));
+    m_console.ShowStatus(
+            m_tally.Progress(m_bytesBefore + batch().bytes() * m_percent / 100, m_plan->bytes()),
+            m_cursor < entries.size() ? entries.at(m_cursor).absoluteFilePath() : QString());
 }
 
 void CopyController::Stop(int exitCode, const QString &verdict)

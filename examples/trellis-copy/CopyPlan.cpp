@@ -7,9 +7,8 @@
 #include <QDir>
 #include <QRegExp>
 #include <QSet>
-#include <QVector>
 
-#include <numeric>
+#include <utility>
 
 CopyPlan::Batch::Batch(const QString &sourcePrefix, const QString &destinationPrefix)
     : m_sourcePrefix(sourcePrefix), m_destinationPrefix(destinationPrefix)
@@ -89,55 +88,41 @@ CopyPlan::CopyPlan(const CommandLine &request, const std::atomic<bool> &cancelle
             m_leftOut.append({ entry, reason });
         }
     };
-    QVector<QList<QPair<QFileInfo, QList<QFileInfo>>>> items; // by batch: items and their entries
-    QHash<QString, int> batchOfParent;
+    QHash<QString, QString> firstWritten; // written path -> the entry written there first
+    QString previousParent;
     for (const QString &path : request.sources) {
         const QFileInfo source(path);
         // A single file copied to a new name matches its source prefix whole.
-        const QString parent = request.destinationIsFileName
-                ? path
-                : (source.absolutePath() == QLatin1String("/") ? QString() : source.absolutePath());
-        if (!batchOfParent.contains(parent)) {
-            batchOfParent.insert(parent, m_batches.size());
+        const QString parent = request.destinationIsFileName  ? path
+                : source.absolutePath() == QLatin1String("/") ? QString()
+                                                              : source.absolutePath();
+        // A batch for each run of sources in one directory, so that the copy keeps their order.
+        if (parent != std::exchange(previousParent, parent) || m_batches.isEmpty())
             m_batches.append(Batch(QRegExp::escape(parent), request.destination));
-            items.resize(m_batches.size());
-        }
+        Batch &batch = m_batches.last();
         for (const QFileInfo &item : TFileCopyTask::WorkItems(source, request.depth, leftOut)) {
             if (cancelled.load())
                 return;
-            items[batchOfParent.value(parent)].append(
-                    { item, TFileCopyTask::Entries(item, leftOut) });
-        }
-    }
-
-    // In the order of the copy: batch after batch, each item after item.
-    QHash<QString, QString> firstWritten; // written path -> the entry written there first
-    for (int batch = 0; batch < m_batches.size(); ++batch) {
-        for (const auto &item : std::as_const(items.at(batch))) {
+            const QList<QFileInfo> entries = TFileCopyTask::Entries(item, leftOut);
             bool collides = false;
-            for (const QFileInfo &entry : item.second) {
-                const QString written = m_batches.at(batch).WrittenPath(entry);
+            for (const QFileInfo &entry : entries) {
+                const QString written = batch.WrittenPath(entry);
                 const QString first = firstWritten.value(written);
                 if (!first.isEmpty())
                     m_collisions.insert(entry.absoluteFilePath(), first);
                 else
                     firstWritten.insert(written, entry.absoluteFilePath());
                 collides = collides || !first.isEmpty();
+                m_bytes += entry.size();
             }
             if (!collides) {
-                m_batches[batch].Append(item.first, item.second);
+                batch.Append(item, entries);
                 continue;
             }
-            for (const QFileInfo &entry : item.second)
-                m_batches[batch].Append(entry, { entry });
+            for (const QFileInfo &entry : entries)
+                batch.Append(entry, { entry });
         }
     }
-}
-
-qint64 CopyPlan::bytes() const
-{
-    return std::accumulate(m_batches.cbegin(), m_batches.cend(), qint64(0),
-                           [](qint64 sum, const Batch &batch) { return sum + batch.bytes(); });
 }
 
 QStringList CopyPlan::DryRun(CommandLine::ConflictRule rule) const
@@ -172,12 +157,10 @@ QStringList CopyPlan::DryRun(CommandLine::ConflictRule rule) const
             counts[Copied] += end - firstEntry;
         }
     }
-    return lines << QStringLiteral(
-                            "Dry run, nothing copied: %1 entries to copy, %2 conflicts to ask "
-                            "about, %3 to overwrite, %4 to skip, %5 colliding names")
-                            .arg(counts[Copied])
-                            .arg(counts[Asked])
-                            .arg(counts[Overwritten])
-                            .arg(counts[Skipped])
-                            .arg(counts[Colliding]);
+    return lines << QStringLiteral("Dry run, nothing copied: %1 entries to copy, %2 conflicts to "
+                                   "ask about, %3 to overwrite, %4 to skip, %5 colliding names")
+                            .arg(QString::number(counts[Copied]), QString::number(counts[Asked]),
+                                 QString::number(counts[Overwritten]),
+                                 QString::number(counts[Skipped]),
+                                 QString::number(counts[Colliding]));
 }

@@ -75,8 +75,13 @@ public:
 
     const QList<Batch> &batches() const { return m_batches; }
     //! For a renamed item.
-    void Insert(int index, const Batch &batch) { m_batches.insert(index, batch); }
-    qint64 bytes() const;
+    void Insert(int index, const Batch &batch)
+    {
+        m_batches.insert(index, batch);
+        m_bytes += batch.bytes();
+    }
+    //! Of all batches, as the task measures them.
+    qint64 bytes() const { return m_bytes; }
     const QList<LeftOut> &leftOut() const { return m_leftOut; }
     //! The entry written earlier in the run where \a entry is written, or "".
     QString CollidesWith(const QFileInfo &entry) const
@@ -90,6 +95,7 @@ private:
     QList<Batch> m_batches;
     QList<LeftOut> m_leftOut;
     QHash<QString, QString> m_collisions;
+    qint64 m_bytes = 0;
 };
 
 #endif // TRELLIS_COPY_COPYPLAN_H

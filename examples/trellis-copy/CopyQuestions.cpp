@@ -19,10 +19,8 @@ const char *const ConflictChoices = "o overwrite, a overwrite all, s skip, n ski
 const char *const RenameQuestion = "New name in the same directory (no / and no %1), or a "
                                    "destination prefix replacing DEST (%1: the name without "
                                    "its extension); empty: back? ";
-const char *const FailureChoices = "Go on with the rest? c continue, a continue all, q quit? ";
 
-// The index of the word in words that text is, or whose first letter it is,
-// ignoring case; -1 if none.
+// The index of the word in words that text is, or whose first letter it is, in any case, or -1.
 int Meaning(const QString &text, const QStringList &words)
 {
     const QString answer = text.simplified().replace(QLatin1Char('-'), QLatin1Char(' '));
@@ -62,11 +60,6 @@ QString CopyQuestions::Facts(const QFileInfo &file)
 void CopyQuestions::AskConflict(const QString &situation)
 {
     Ask(Open::Conflict, m_question = situation + QLatin1String(ConflictChoices));
-}
-
-void CopyQuestions::AskFailure()
-{
-    Ask(Open::Failure, m_question = QLatin1String(FailureChoices));
 }
 
 void CopyQuestions::Cancel()

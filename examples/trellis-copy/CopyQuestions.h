@@ -27,9 +27,9 @@ public:
     //! "size, modified date and time" of \a file.
     static QString Facts(const QFileInfo &file);
 
-    //! \a situation ends with a line end. A rename asks next for the new name or prefix.
+    //! \a situation, which ends with a line end, and the choices. A rename asks for the name next.
     void AskConflict(const QString &situation);
-    void AskFailure();
+    void AskFailure() { Ask(Open::Failure, m_question = QLatin1String(FailureChoices)); }
     //! Drops the open question, if any; nothing is emitted for it.
     void Cancel();
 
@@ -40,6 +40,8 @@ signals:
 
 private:
     enum class Open { None, Conflict, RenameTo, Failure };
+    static constexpr const char *FailureChoices
+            = "Go on with the rest? c continue, a continue all, q quit? ";
 
     void Ask(Open question, const QString &text);
     void ReadInput();

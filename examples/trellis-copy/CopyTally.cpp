@@ -2,6 +2,7 @@
 
 #include <QLocale>
 #include <QStringList>
+#include <QTime>
 
 namespace {
 
@@ -15,13 +16,11 @@ const char *const Kinds[][2] = { { "hidden name", "hidden names" },
 
 QString Duration(qint64 seconds)
 {
-    const QString minutes = QStringLiteral("%1:%2")
-                                    .arg(seconds / 60 % 60)
-                                    .arg(seconds % 60, 2, 10, QLatin1Char('0'));
-    return seconds < 3600 ? minutes
-                          : QStringLiteral("%1:%2")
-                                    .arg(seconds / 3600)
-                                    .arg(minutes.rightJustified(5, QLatin1Char('0')));
+    return seconds >= 86400 ? QStringLiteral("over a day")
+                            : QTime(0, 0)
+                                      .addSecs(int(seconds))
+                                      .toString(seconds < 3600 ? QStringLiteral("m:ss")
+                                                               : QStringLiteral("h:mm:ss"));
 }
 
 } // namespace
@@ -41,8 +40,7 @@ QString CopyTally::Bytes(qint64 bytes)
     return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeIecFormat);
 }
 
-QString CopyTally::ProgressLine(qint64 doneBytes, qint64 totalBytes, const QString &entry,
-                                int width, bool fit) const
+QString CopyTally::Progress(qint64 doneBytes, qint64 totalBytes) const
 {
     const double rate = doneBytes / (qMax<qint64>(m_clock.elapsed(), 1) / 1000.0);
     QString line = QStringLiteral("%1% %2/%3 %4/s %5 left %6 copied")
@@ -56,24 +54,15 @@ QString CopyTally::ProgressLine(qint64 doneBytes, qint64 totalBytes, const QStri
         line += QStringLiteral(", %1 skipped").arg(skipped);
     if (failed > 0)
         line += QStringLiteral(", %1 failed").arg(failed);
-    line += QLatin1String("  ");
-    // The last column stays free: writing into it makes some terminals wrap.
-    const int room = width - 1 - line.size();
-    if (!fit || entry.size() <= room)
-        return line + entry;
-    return room <= 3 ? line
-                     : line + entry.left((room - 3) / 2) + QLatin1String("...")
-                    + entry.right(room - 3 - (room - 3) / 2);
+    return line + QLatin1String("  ");
 }
 
 QString CopyTally::Summary(const QString &verdict, bool listed) const
 {
     QString summary = QStringLiteral("%1: %2 copied, %3 skipped, %4 failed in %5 s")
-                              .arg(verdict)
-                              .arg(copied)
-                              .arg(skipped)
-                              .arg(failed)
-                              .arg(m_clock.elapsed() / 1000.0, 0, 'f', 2);
+                              .arg(verdict, QString::number(copied), QString::number(skipped),
+                                   QString::number(failed),
+                                   QString::number(m_clock.elapsed() / 1000.0, 'f', 2));
     if (m_leftOut.isEmpty())
         return summary;
     QStringList kinds;

@@ -22,9 +22,8 @@ public:
     //! Bytes in human units, such as "1.5 GiB".
     static QString Bytes(qint64 bytes);
 
-    //! The whole line shortened in the middle of \a entry to fit \a width when \a fit.
-    QString ProgressLine(qint64 doneBytes, qint64 totalBytes, const QString &entry, int width,
-                         bool fit) const;
+    //! The figures of the progress line, to be followed by the current entry.
+    QString Progress(qint64 doneBytes, qint64 totalBytes) const;
     //! With a pointer to --verbose for what was left out, unless \a listed.
     QString Summary(const QString &verdict, bool listed) const;
 

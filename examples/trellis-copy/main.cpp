@@ -21,15 +21,17 @@ int signalPipe[2] = { -1, -1 };
 extern "C" void OnSignal(int signalNumber)
 {
     const int savedErrno = errno;
+    // A second SIGINT, SIGTERM or SIGHUP ends the process at once.
+    if (signalNumber != SIGPIPE)
+        ::signal(signalNumber, SIG_DFL);
     const char byte = char(signalNumber);
     [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &byte, 1);
     errno = savedErrno;
 }
 
 // Hands SIGINT, SIGTERM, SIGHUP and SIGPIPE to the controller through the
-// event loop: the handler only writes the number into a pipe. A second
-// SIGINT, SIGTERM or SIGHUP ends the process at once; SIGPIPE stays caught,
-// so that a write to a closed pipe fails with EPIPE.
+// event loop: the handler only writes the number into a pipe. SIGPIPE stays
+// caught, so that a write to a closed pipe fails with EPIPE.
 void HandSignalsTo(CopyController &controller)
 {
     if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
@@ -44,13 +46,8 @@ void HandSignalsTo(CopyController &controller)
                                                       : QStringLiteral("Stopped by ")
                                                      + QString::fromLocal8Bit(::strsignal(number)));
                      });
-    for (const int signalNumber : { SIGINT, SIGTERM, SIGHUP, SIGPIPE }) {
-        struct sigaction action = {};
-        action.sa_handler = OnSignal;
-        action.sa_flags = SA_RESTART | (signalNumber == SIGPIPE ? 0 : SA_RESETHAND);
-        sigemptyset(&action.sa_mask);
-        ::sigaction(signalNumber, &action, nullptr);
-    }
+    for (const int signalNumber : { SIGINT, SIGTERM, SIGHUP, SIGPIPE })
+        ::signal(signalNumber, OnSignal);
 }
 
 } // namespace
@@ -64,7 +61,6 @@ int main(int argc, char *argv[])
             return 1;
     }
     QCoreApplication application(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("trellis-copy"));
 
     const CommandLine request(QCoreApplication::arguments());
     if (request.outcome == CommandLine::UsageError) {
@@ -82,8 +78,7 @@ int main(int argc, char *argv[])
 
     CopyController controller(request);
     HandSignalsTo(controller);
-    QObject::connect(&controller, &CopyController::Finished, &application,
-                     [](int exitCode) { QCoreApplication::exit(exitCode); });
+    QObject::connect(&controller, &CopyController::Finished, &QCoreApplication::exit);
     QMetaObject::invokeMethod(&controller, &CopyController::Start, Qt::QueuedConnection);
     const int exitCode = QCoreApplication::exec();
     // A walk still planning writes nothing and cannot be interrupted: leave it.
