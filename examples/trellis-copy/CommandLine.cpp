@@ -4,8 +4,6 @@
 #include <QDir>
 #include <QRegularExpression>
 
-#include <sys/stat.h>
-
 namespace {
 
 const char *const Description
@@ -80,19 +78,17 @@ bool IsSameOrInside(const QString &path, const QString &directory)
             || path.startsWith(directory + QLatin1Char('/'));
 }
 
-// Why path cannot be a SOURCE, or nothing. Never opens it: a FIFO would block.
-QString WhyNoSource(const QString &path)
+// Why source cannot be a SOURCE, or nothing. QFileInfo only looks: opening a FIFO would block.
+QString WhyNoSource(const QFileInfo &source)
 {
-    struct stat status;
-    const QByteArray name = QFile::encodeName(path);
-    if (::stat(name.constData(), &status) != 0)
-        return ::lstat(name.constData(), &status) == 0
-                ? QStringLiteral("%1: a symbolic link to nothing").arg(path)
-                : QStringLiteral("%1: no such file or directory").arg(path);
-    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode))
-        return QStringLiteral("%1: not a file or directory (a FIFO, socket or device), which "
-                              "is not copied")
-                .arg(path);
+    if (!source.exists())
+        return source.filePath()
+                + (source.isSymLink() ? QStringLiteral(": a symbolic link to nothing")
+                                      : QStringLiteral(": no such file or directory"));
+    if (!source.isFile() && !source.isDir())
+        return source.filePath()
+                + QStringLiteral(": not a file or directory (a FIFO, socket or device), which is "
+                                 "not copied");
     return QString();
 }
 
@@ -131,15 +127,16 @@ CommandLine::CommandLine(const QStringList &arguments)
                                  QStringLiteral("SOURCE..."));
     parser.addPositionalArgument(QStringLiteral("DEST"),
                                  QStringLiteral("The directory they are copied into."));
-    helpText = parser.helpText() + QLatin1String(Details);
     const auto isSet = [&parser](const char *name) { return parser.isSet(QLatin1String(name)); };
 
     if (!parser.parse(arguments)) {
-        error = parser.errorText();
+        text = parser.errorText();
         return;
     }
     if (parser.isSet(help) || isSet("version")) {
-        outcome = parser.isSet(help) ? ShowHelp : ShowVersion;
+        text = parser.isSet(help) ? parser.helpText() + QLatin1String(Details)
+                                  : QStringLiteral("trellis-copy " TRELLIS_VERSION_STRING "\n");
+        outcome = ShowText;
         return;
     }
     bool depthIsNumber = false;
@@ -150,19 +147,19 @@ CommandLine::CommandLine(const QStringList &arguments)
     const int rule = rules.indexOf(parser.value(QStringLiteral("on-conflict")));
     QStringList paths = parser.positionalArguments();
     if (isSet("verbose") && isSet("quiet"))
-        error = QStringLiteral("--verbose and --quiet exclude each other");
+        text = QStringLiteral("--verbose and --quiet exclude each other");
     else if (!depthIsNumber)
-        error = QStringLiteral("--depth takes a whole number, not \"%1\"")
-                        .arg(parser.value(QStringLiteral("depth")));
+        text = QStringLiteral("--depth takes a whole number, not \"%1\"")
+                       .arg(parser.value(QStringLiteral("depth")));
     else if (rule < 0)
-        error = QStringLiteral("--on-conflict takes %1, not \"%2\"")
-                        .arg(rules.join(QStringLiteral(", ")),
-                             parser.value(QStringLiteral("on-conflict")));
+        text = QStringLiteral("--on-conflict takes %1, not \"%2\"")
+                       .arg(rules.join(QStringLiteral(", ")),
+                            parser.value(QStringLiteral("on-conflict")));
     else if (paths.size() < 2)
-        error = QStringLiteral("give at least one SOURCE and a DEST");
+        text = QStringLiteral("give at least one SOURCE and a DEST");
     else if (paths.contains(QString()))
-        error = QStringLiteral("an empty path names no file: give DEST and every SOURCE");
-    if (!error.isEmpty())
+        text = QStringLiteral("an empty path names no file: give DEST and every SOURCE");
+    if (!text.isEmpty())
         return;
 
     conflictRule = ConflictRule(rule);
@@ -176,8 +173,8 @@ CommandLine::CommandLine(const QStringList &arguments)
     sources.removeDuplicates();
     destinationIsFileName = sources.size() == 1 && !QFileInfo(sources.first()).isDir()
             && !QFileInfo(destination).isDir() && !paths.last().endsWith(QLatin1Char('/'));
-    error = WhyNotCopied();
-    if (error.isEmpty())
+    text = WhyNotCopied();
+    if (text.isEmpty())
         outcome = Copy;
 }
 
@@ -191,10 +188,10 @@ QString CommandLine::WhyNotCopied() const
         return QStringLiteral("DEST %1 exists and is not a directory").arg(destination);
     const QString canonical = CanonicalPathOf(destination);
     for (const QString &path : sources) {
-        const QString why = WhyNoSource(path);
+        const QFileInfo source(path);
+        const QString why = WhyNoSource(source);
         if (!why.isEmpty())
             return why;
-        const QFileInfo source(path);
         if (destinationIsFileName && source.canonicalFilePath() == canonical)
             return QStringLiteral("SOURCE %1 and DEST are the same file").arg(path);
         if (source.isDir() && IsSameOrInside(canonical, source.canonicalFilePath()))

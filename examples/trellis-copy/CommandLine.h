@@ -11,7 +11,7 @@
 class CommandLine
 {
 public:
-    enum Outcome { Copy, ShowHelp, ShowVersion, UsageError };
+    enum Outcome { Copy, ShowText, UsageError };
     //! What is done where a destination exists.
     enum ConflictRule { Ask, Overwrite, Skip, Newer, Different };
     enum Verbosity { Quiet, Normal, Verbose };
@@ -20,8 +20,7 @@ public:
     explicit CommandLine(const QStringList &arguments);
 
     Outcome outcome = UsageError;
-    QString error;
-    QString helpText;
+    QString text; // the help or version to show, or what is wrong
     QStringList sources;
     QString destination;
     //! Whether DEST is the name of the copy of the single file SOURCE, as with cp.

@@ -33,12 +33,10 @@ void CopyAftercare::Finished(const QFileInfo &source, const QString &copy) const
 
 void CopyAftercare::Failed(const QFileInfo &source, const QString &copy) const
 {
-    struct stat original, written;
-    if (source.isDir()
-        || ::stat(QFile::encodeName(source.absoluteFilePath()).constData(), &original) != 0
-        || ::lstat(QFile::encodeName(copy).constData(), &written) != 0 || !S_ISREG(written.st_mode)
-        || written.st_size >= original.st_size
-        || (written.st_dev == original.st_dev && written.st_ino == original.st_ino))
+    // A copy as long as its source is complete, or the source itself.
+    const QFileInfo written(copy);
+    if (source.isDir() || !written.isFile() || written.isSymLink()
+        || written.size() >= QFileInfo(source.absoluteFilePath()).size())
         return;
     const char *const done = m_keepIncomplete ? "kept"
             : QFile::remove(copy)             ? "removed"

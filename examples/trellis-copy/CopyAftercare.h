@@ -6,18 +6,14 @@
 class Console;
 class QFileInfo;
 
-/*!
-    What becomes of a copy once the copy task is done with it: a finished
-    one gets its source's permission bits and times (unless the library's
-    are kept), an incomplete one is removed (unless kept), and says so.
-*/
+//! Gives a finished copy its source's mode and times, and removes an incomplete one.
 class CopyAftercare
 {
 public:
     CopyAftercare(bool keepLibraryAttributes, bool keepIncomplete, Console &console);
 
     void Finished(const QFileInfo &source, const QString &copy) const;
-    //! Removes \a copy if it is a regular file shorter than \a source, and not \a source itself.
+    //! Removes \a copy if it is a regular file shorter than \a source.
     void Failed(const QFileInfo &source, const QString &copy) const;
 
 private:

@@ -82,16 +82,15 @@ void CopyController::OnPlanned(const std::shared_ptr<CopyPlan> &plan)
     m_plan = plan;
     if (m_finished)
         return;
-    for (const CopyPlan::LeftOut &leftOut : plan->leftOut()) {
-        m_tally.AddLeftOut(leftOut.reason);
-        const QString path = leftOut.entry.absoluteFilePath();
-        if (leftOut.reason == TFileCopyNotifier::LinkIntoTree)
-            m_console.Error(
-                    QStringLiteral("trellis-copy: not following %1: it leads back into the tree")
-                            .arg(path));
+    for (const auto &[entry, reason] : plan->leftOut) {
+        m_tally.AddLeftOut(reason);
+        if (reason == TFileCopyNotifier::LinkIntoTree)
+            m_console.Error(QStringLiteral("trellis-copy: not following %1: it leads back into "
+                                           "the tree")
+                                    .arg(entry.absoluteFilePath()));
         else if (verbose() || m_request.dryRun)
             m_console.Print(QStringLiteral("left out %1 (%2)")
-                                    .arg(path, CopyTally::Describe(leftOut.reason)));
+                                    .arg(entry.absoluteFilePath(), CopyTally::Describe(reason)));
     }
     if (!m_request.dryRun)
         return StartBatch();
@@ -171,13 +170,14 @@ void CopyController::OnConflict()
                                 .arg(destination, item.absoluteFilePath()));
         return Finish(1, QStringLiteral("Stopped"));
     }
-    const QString collision = QStringLiteral("Both land on one name: %1 was copied there in this "
-                                             "run.\n")
-                                      .arg(first);
     m_console.ClearStatus();
     m_questions.AskConflict(QStringLiteral("%1exists:    %2 (%3)\ncopying:   %4 (%5)\n")
-                                    .arg(first.isEmpty() ? QString() : collision, destination,
-                                         CopyQuestions::Facts(QFileInfo(destination)),
+                                    .arg(first.isEmpty() ? QString()
+                                                         : QStringLiteral("Both land on one name: "
+                                                                          "%1 was copied there in "
+                                                                          "this run.\n")
+                                                                   .arg(first),
+                                         destination, CopyQuestions::Facts(QFileInfo(destination)),
                                          item.absoluteFilePath(), CopyQuestions::Facts(item)));
 }
 
@@ -249,7 +249,6 @@ void CopyController::Stop(int exitCode, const QString &verdict)
     m_stopVerdict = verdict;
     m_stopWanted.store(true);
     m_task.Stop();
-    m_questions.Cancel();
     if (!m_passRunning)
         Finish(exitCode, verdict);
 }

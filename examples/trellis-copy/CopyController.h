@@ -28,7 +28,7 @@ public:
     explicit CopyController(const CommandLine &request, QObject *parent = nullptr);
     ~CopyController() override;
 
-    //! The walk of planning writes nothing, so need not be waited for.
+    //! The walk of planning writes nothing: it need not be waited for.
     bool isPlanning() const { return m_thread.isRunning() && !m_plan; }
 
     void Start();
@@ -59,8 +59,7 @@ private:
     CommandLine::ConflictRule m_rule; // the preset, or what an "all" answer set
     bool m_continueAfterFailures;
 
-    // The task needs no set-up of its own in its thread.
-    struct Thread : TThreadedObject
+    struct Thread : TThreadedObject // the task needs no set-up of its own in it
     {
         Thread() : TThreadedObject(QStringLiteral("trellis-copy")) { }
         void Initialize() override { }

@@ -80,12 +80,12 @@ bool CopyPlan::Batch::Overwrites(CommandLine::ConflictRule rule, const QFileInfo
 CopyPlan::CopyPlan(const CommandLine &request, const std::atomic<bool> &cancelled)
 {
     QSet<QString> leftOutPaths;
-    const auto leftOut = [this, &leftOutPaths](const QFileInfo &entry,
-                                               TFileCopyNotifier::LeftOutReason reason) {
+    const auto onLeftOut = [this, &leftOutPaths](const QFileInfo &entry,
+                                                 TFileCopyNotifier::LeftOutReason reason) {
         // The split and the listing of an item may both meet an entry.
         if (!leftOutPaths.contains(entry.absoluteFilePath())) {
             leftOutPaths.insert(entry.absoluteFilePath());
-            m_leftOut.append({ entry, reason });
+            leftOut.append({ entry, reason });
         }
     };
     QHash<QString, QString> firstWritten; // written path -> the entry written there first
@@ -100,10 +100,10 @@ CopyPlan::CopyPlan(const CommandLine &request, const std::atomic<bool> &cancelle
         if (parent != std::exchange(previousParent, parent) || m_batches.isEmpty())
             m_batches.append(Batch(QRegExp::escape(parent), request.destination));
         Batch &batch = m_batches.last();
-        for (const QFileInfo &item : TFileCopyTask::WorkItems(source, request.depth, leftOut)) {
+        for (const QFileInfo &item : TFileCopyTask::WorkItems(source, request.depth, onLeftOut)) {
             if (cancelled.load())
                 return;
-            const QList<QFileInfo> entries = TFileCopyTask::Entries(item, leftOut);
+            const QList<QFileInfo> entries = TFileCopyTask::Entries(item, onLeftOut);
             bool collides = false;
             for (const QFileInfo &entry : entries) {
                 const QString written = batch.WrittenPath(entry);

@@ -64,14 +64,11 @@ public:
         qint64 m_bytes = 0;
     };
 
-    struct LeftOut
-    {
-        QFileInfo entry;
-        TFileCopyNotifier::LeftOutReason reason;
-    };
-
     //! Gives up soon after \a cancelled becomes true. May run in any thread.
     CopyPlan(const CommandLine &request, const std::atomic<bool> &cancelled);
+
+    //! The entries the task's rules leave out, and why.
+    QList<QPair<QFileInfo, TFileCopyNotifier::LeftOutReason>> leftOut;
 
     const QList<Batch> &batches() const { return m_batches; }
     //! For a renamed item.
@@ -82,7 +79,6 @@ public:
     }
     //! Of all batches, as the task measures them.
     qint64 bytes() const { return m_bytes; }
-    const QList<LeftOut> &leftOut() const { return m_leftOut; }
     //! The entry written earlier in the run where \a entry is written, or "".
     QString CollidesWith(const QFileInfo &entry) const
     {
@@ -93,7 +89,6 @@ public:
 
 private:
     QList<Batch> m_batches;
-    QList<LeftOut> m_leftOut;
     QHash<QString, QString> m_collisions;
     qint64 m_bytes = 0;
 };

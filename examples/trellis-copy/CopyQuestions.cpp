@@ -113,13 +113,11 @@ void CopyQuestions::Answer(const QString &line, bool closed)
 {
     // In the order of the enums; "w" for newer.
     static const QStringList conflictWords
-            = { QStringLiteral("overwrite"), QStringLiteral("all|overwrite all"),
-                QStringLiteral("skip"),      QStringLiteral("none|skip all"),
-                QStringLiteral("w|newer"),   QStringLiteral("different"),
-                QStringLiteral("rename"),    QStringLiteral("quit") };
+            = QStringLiteral("overwrite,all|overwrite all,skip,none|skip all,w|newer,different,"
+                             "rename,quit")
+                      .split(QLatin1Char(','));
     static const QStringList failureWords
-            = { QStringLiteral("continue"), QStringLiteral("all|continue all"),
-                QStringLiteral("quit") };
+            = QStringLiteral("continue,all|continue all,quit").split(QLatin1Char(','));
     const Open open = std::exchange(m_open, Open::None);
     const int meaning = Meaning(closed ? QStringLiteral("quit") : line,
                                 open == Open::Failure ? failureWords : conflictWords);

@@ -65,14 +65,11 @@ int main(int argc, char *argv[])
     const CommandLine request(QCoreApplication::arguments());
     if (request.outcome == CommandLine::UsageError) {
         std::fprintf(stderr, "trellis-copy: %s\nTry 'trellis-copy --help' for more.\n",
-                     qPrintable(request.error));
+                     qPrintable(request.text));
         return 2;
     }
-    if (request.outcome != CommandLine::Copy) {
-        std::fputs(request.outcome == CommandLine::ShowHelp ? qPrintable(request.helpText)
-                                                            : "trellis-copy " TRELLIS_VERSION_STRING
-                                                              "\n",
-                   stdout);
+    if (request.outcome == CommandLine::ShowText) {
+        std::fputs(qPrintable(request.text), stdout);
         return std::fflush(stdout) == 0 ? 0 : 1;
     }
 
