@@ -15,29 +15,26 @@ const char *const Description
 
 const char *const Details = R"(
 Where things land:
-  Each SOURCE lands in DEST (created as needed) under its own name. A single
-  file SOURCE and a DEST that is not a directory (nor ends in /) copies the
-  file to the name DEST, as cp does. DEST must not lie inside a SOURCE, be the
-  directory a SOURCE is in, or hold a % followed by a digit; a FIFO, socket or
-  device as SOURCE is refused. A final three-letter extension is written in
-  lower case (Photo.JPG as Photo.jpg, where an existing Photo.jpg counts as its
-  destination): two sources landing on one name are found before anything is
+  Each SOURCE lands in DEST (made as needed) under its own name; a single file
+  SOURCE and a DEST that is not a directory (nor ends in /) copies the file to
+  the name DEST, as cp does. DEST must not lie inside a SOURCE, be the directory
+  a SOURCE is in, or hold a % and a digit; a FIFO, socket or device as SOURCE is
+  refused. Photo.JPG is written as Photo.jpg (a last three-letter extension in
+  lower case): two sources landing on one name are found before anything is
   copied, and the second is asked about, even after an all answer, or fails.
   Hidden entries inside directories, FIFOs, sockets, devices, links to nothing
   and links back into the tree are left out, counted in the summary and named
-  by --verbose. Other links are followed.
+  by --verbose; other links are followed.
 
 Answers where a destination exists (a word or its first letter, then Enter):
-  o, overwrite      copy this item over its destination
-  a, all            overwrite this and every later conflict
-  s, skip           leave this item uncopied
-  n, none           skip this and every later conflict
+  o, overwrite      copy this item over its destination; s, skip: leave it
+  a, all            overwrite this and every later conflict; n, none: skip them
   w, newer          from now on overwrite where the source is newer, else skip
   d, different      from now on overwrite where size or time differ, else skip
-  r, rename         a NAME without / and %1: the item's new name beside its
-                    destination; otherwise a PREFIX replacing DEST for this
-                    item, %1 standing for its name without its extension; the
-                    item is copied after its batch, and asked about if taken
+  r, rename         a NAME without / and %1 is the item's new name beside its
+                    destination, anything else a PREFIX replacing DEST for it
+                    (%1: its name without extension); it is copied after its
+                    batch, and asked about again if that place is taken
   q, quit           stop here, as does the end of input (Ctrl-D)
 
 Failures, output and stopping:
@@ -48,7 +45,7 @@ Failures, output and stopping:
   (bytes done and in all, percentage, rate, time left, counts, current entry),
   redrawn ten times a second on a terminal, else printed once a second, and a
   summary; questions and errors go to standard error. Ctrl-C, SIGTERM, SIGHUP,
-  SIGPIPE and failed writes stop the copy within a moment and remove the
+  SIGPIPE and failed writes stop the copy at once, and remove and name the
   incomplete copy of the file being copied (--keep-partial keeps it). A second
   Ctrl-C ends the program at once.
 
@@ -112,13 +109,12 @@ CommandLine::CommandLine(const QStringList &arguments)
     option("n|dry-run",
            "List what would be copied, skipped, asked about or left out, and copy nothing.");
     option("on-conflict",
-           "What to do where a destination exists: ask (the default), overwrite, "
-           "skip, newer or different (see the answers below).",
+           "Where a destination exists: ask (the default), overwrite, skip, newer "
+           "or different.",
            "rule", "ask");
     option("depth",
-           "Split each source directory into work items <N> levels down: with -1 (the "
-           "default) each file and empty directory is one, with 0 each SOURCE, asked about once, "
-           "whose overwrite replaces all of its files that exist at the destination.",
+           "Split each source directory into work items <N> levels down: -1 (the "
+           "default) makes each file one, 0 each SOURCE, asked about as a whole.",
            "N", "-1");
     option("keep-partial", "Keep the incomplete copy of a file whose copy was stopped.");
     option("library-mode", "Keep the library's permissions and time stamps on copies.");
@@ -142,8 +138,7 @@ CommandLine::CommandLine(const QStringList &arguments)
     bool depthIsNumber = false;
     depth = parser.value(QStringLiteral("depth")).toInt(&depthIsNumber);
     const QStringList rules
-            = { QStringLiteral("ask"), QStringLiteral("overwrite"), QStringLiteral("skip"),
-                QStringLiteral("newer"), QStringLiteral("different") };
+            = QStringLiteral("ask,overwrite,skip,newer,different").split(QLatin1Char(','));
     const int rule = rules.indexOf(parser.value(QStringLiteral("on-conflict")));
     QStringList paths = parser.positionalArguments();
     if (isSet("verbose") && isSet("quiet"))

@@ -3,11 +3,7 @@
 
 #include <QStringList>
 
-/*!
-    The arguments of trellis-copy, parsed and checked against the file
-    system. outcome says what the program does; only for Copy do the other
-    members hold the request, its paths absolute and clean.
-*/
+//! The arguments, parsed and checked against the file system; paths are absolute and clean.
 class CommandLine
 {
 public:

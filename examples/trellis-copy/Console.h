@@ -5,10 +5,8 @@
 #include <QObject>
 
 /*!
-    Standard output and error: lines to either, and a status line on standard
-    output, redrawn in place on a terminal at most ten times a second and
-    erased before other output, otherwise a plain line at most once a second.
-    A failed write is announced once per stream, which is written no more.
+    Lines to standard output and error, and a status line, redrawn in place on a
+    terminal. A failed write is announced once per stream, which is then left.
 */
 class Console : public QObject
 {

@@ -94,8 +94,7 @@ void CopyController::OnPlanned(const std::shared_ptr<CopyPlan> &plan)
     }
     if (!m_request.dryRun)
         return StartBatch();
-    for (const QString &line : plan->DryRun(m_request.conflictRule))
-        m_console.Print(line);
+    m_console.Print(plan->DryRun(m_request.conflictRule).join(QLatin1Char('\n')));
     m_finished = true;
     emit Finished(0);
 }
@@ -107,7 +106,6 @@ void CopyController::StartBatch()
     if (++m_batchIndex == m_plan->batches().size())
         return Finish(m_tally.failed > 0 ? 1 : 0, QStringLiteral("Done"));
     m_percent = m_cursor = m_renamesInBatch = 0;
-    m_passRunning = true;
     batch().CopyWith(m_task);
 }
 
@@ -135,12 +133,10 @@ void CopyController::OnEntryFailed(const QFileInfo &entry, int error)
 
 void CopyController::OnState(int state, const QFileInfo &item)
 {
-    m_passRunning = false;
     if (m_finished || !m_stopVerdict.isEmpty())
         return Finish(m_stopExitCode, m_stopVerdict);
     if (state != TFileCopyTask::StateFileExists && state != TFileCopyTask::StateCopyFailed)
         return StartBatch();
-    m_cursor = batch().EntryRange(item).first;
     m_conflictItem = item;
     if (state == TFileCopyTask::StateFileExists)
         return OnConflict();
@@ -171,14 +167,7 @@ void CopyController::OnConflict()
         return Finish(1, QStringLiteral("Stopped"));
     }
     m_console.ClearStatus();
-    m_questions.AskConflict(QStringLiteral("%1exists:    %2 (%3)\ncopying:   %4 (%5)\n")
-                                    .arg(first.isEmpty() ? QString()
-                                                         : QStringLiteral("Both land on one name: "
-                                                                          "%1 was copied there in "
-                                                                          "this run.\n")
-                                                                   .arg(first),
-                                         destination, CopyQuestions::Facts(QFileInfo(destination)),
-                                         item.absoluteFilePath(), CopyQuestions::Facts(item)));
+    m_questions.AskConflict(item, QFileInfo(destination), first);
 }
 
 void CopyController::OnConflictAnswered(CopyQuestions::ConflictAnswer answer,
@@ -226,7 +215,6 @@ void CopyController::Skip(bool failed)
 
 void CopyController::Resume(TFileCopyTask::EFileExistsAction action)
 {
-    m_passRunning = true;
     QMetaObject::invokeMethod(
             &m_task, [this, action] { m_task.Continue(action); }, Qt::QueuedConnection);
 }
@@ -249,7 +237,8 @@ void CopyController::Stop(int exitCode, const QString &verdict)
     m_stopVerdict = verdict;
     m_stopWanted.store(true);
     m_task.Stop();
-    if (!m_passRunning)
+    // Otherwise the running pass stops soon and reports it.
+    if (!m_plan || m_questions.isOpen())
         Finish(exitCode, verdict);
 }
 

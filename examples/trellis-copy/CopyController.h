@@ -13,12 +13,10 @@
 #include <memory>
 
 /*!
-    Runs one request: plans it in the worker thread, hands the copy task there
-    one batch after another, decides conflicts by the rule in force or through
-    the user, reports failures with their causes, shows progress and ends with
-    a summary. Only the task's Stop() is called across threads; everything
-    else is queued. The task always asks, so that a collision within the run
-    is never overwritten by an "all" rule.
+    Runs one request: plans it, hands the copy task in the worker thread one
+    batch after another, and decides each conflict (the task always asks, so
+    that no "all" rule overwrites a collision) and failure. Only the task's
+    Stop() is called across threads; everything else is queued.
 */
 class CopyController : public QObject
 {
@@ -84,7 +82,6 @@ private:
     int m_cursor = 0; // the entry being copied, in batch().entries()
     QFileInfo m_conflictItem; // or the failed one
 
-    bool m_passRunning = false;
     bool m_finished = false;
     int m_stopExitCode = 1;
     QString m_stopVerdict; // set once a stop is under way

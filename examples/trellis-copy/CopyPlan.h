@@ -13,15 +13,10 @@
 class TFileCopyTask;
 
 /*!
-    Everything a run will copy, worked out from the copy task's own plan
-    (TFileCopyTask::WorkItems(), Entries() and DestinationPath()) before any
-    byte is written: the batches, the entries the task's rules leave out,
-    and the entries that land on a name another entry of the run is written
-    under first (A.JPG and A.jpg both become A.jpg).
-
-    The task looks for an existing destination per work item only, so an
-    item holding such an entry is split into items of one entry each: the
-    later one then finds the earlier one's copy, a conflict.
+    Everything a run will copy, from the copy task's own plan, before any byte
+    is written. An entry written where another of the run was (A.JPG and A.jpg
+    both become A.jpg) is an item of its own: the task then finds the earlier
+    copy, a conflict, since it looks for existing destinations per item only.
 */
 class CopyPlan
 {

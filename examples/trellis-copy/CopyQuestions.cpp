@@ -50,16 +50,23 @@ bool CopyQuestions::CanAsk()
     return ::isatty(STDIN_FILENO) == 1;
 }
 
-QString CopyQuestions::Facts(const QFileInfo &file)
+void CopyQuestions::AskConflict(const QFileInfo &source, const QFileInfo &destination,
+                                const QString &collidingSource)
 {
-    return QStringLiteral("%1, modified %2")
-            .arg(file.isDir() ? QStringLiteral("directory") : CopyTally::Bytes(file.size()),
-                 file.lastModified().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")));
-}
-
-void CopyQuestions::AskConflict(const QString &situation)
-{
-    Ask(Open::Conflict, m_question = situation + QLatin1String(ConflictChoices));
+    const auto facts = [](const QFileInfo &file) {
+        return QStringLiteral("%1, modified %2")
+                .arg(file.isDir() ? QStringLiteral("directory") : CopyTally::Bytes(file.size()),
+                     file.lastModified().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")));
+    };
+    m_question = collidingSource.isEmpty()
+            ? QString()
+            : QStringLiteral("Both land on one name: %1 was copied there in this run.\n")
+                      .arg(collidingSource);
+    m_question += QStringLiteral("exists:    %1 (%2)\ncopying:   %3 (%4)\n")
+                          .arg(destination.filePath(), facts(destination),
+                               source.absoluteFilePath(), facts(source))
+            + QLatin1String(ConflictChoices);
+    Ask(Open::Conflict, m_question);
 }
 
 void CopyQuestions::Cancel()

@@ -7,10 +7,8 @@ class QFileInfo;
 class QSocketNotifier;
 
 /*!
-    The questions asked on standard error, with their answers read a line at
-    a time from standard input, a terminal, without blocking the event loop.
-    An answer is a word or its first letter, in any case; one not understood
-    repeats the question, and the end of input answers quit.
+    Questions on standard error, answered a line at a time on standard input,
+    a terminal, without blocking the event loop. The end of input answers quit.
 */
 class CopyQuestions : public QObject
 {
@@ -24,12 +22,14 @@ public:
 
     //! Whether standard input is a terminal, so that there is someone to ask.
     static bool CanAsk();
-    //! "size, modified date and time" of \a file.
-    static QString Facts(const QFileInfo &file);
-
-    //! \a situation, which ends with a line end, and the choices. A rename asks for the name next.
-    void AskConflict(const QString &situation);
+    /*!
+        What to do about \a source, whose \a destination exists, maybe as the
+        copy of \a collidingSource; a rename asks for the name next.
+    */
+    void AskConflict(const QFileInfo &source, const QFileInfo &destination,
+                     const QString &collidingSource);
     void AskFailure() { Ask(Open::Failure, m_question = QLatin1String(FailureChoices)); }
+    bool isOpen() const { return m_open != Open::None; }
     //! Drops the open question, if any; nothing is emitted for it.
     void Cancel();
 
