@@ -69,26 +69,6 @@ QString CanonicalPathOf(const QString &absolutePath)
     return QDir::cleanPath(existing.canonicalFilePath() + rest);
 }
 
-bool IsSameOrInside(const QString &path, const QString &directory)
-{
-    return path == directory || directory == QLatin1String("/")
-            || path.startsWith(directory + QLatin1Char('/'));
-}
-
-// Why source cannot be a SOURCE, or nothing. QFileInfo only looks: opening a FIFO would block.
-QString WhyNoSource(const QFileInfo &source)
-{
-    if (!source.exists())
-        return source.filePath()
-                + (source.isSymLink() ? QStringLiteral(": a symbolic link to nothing")
-                                      : QStringLiteral(": no such file or directory"));
-    if (!source.isFile() && !source.isDir())
-        return source.filePath()
-                + QStringLiteral(": not a file or directory (a FIFO, socket or device), which is "
-                                 "not copied");
-    return QString();
-}
-
 } // namespace
 
 CommandLine::CommandLine(const QStringList &arguments)
@@ -96,7 +76,6 @@ CommandLine::CommandLine(const QStringList &arguments)
     QCommandLineParser parser;
     parser.setApplicationDescription(QLatin1String(Description));
     const QCommandLineOption help = parser.addHelpOption();
-    // names: "short|long" or "long".
     const auto option = [&parser](const char *names, const char *description,
                                   const char *value = "", const char *defaultValue = "") {
         parser.addOption({ QString::fromLatin1(names).split(QLatin1Char('|')),
@@ -183,13 +162,22 @@ QString CommandLine::WhyNotCopied() const
         return QStringLiteral("DEST %1 exists and is not a directory").arg(destination);
     const QString canonical = CanonicalPathOf(destination);
     for (const QString &path : sources) {
+        // QFileInfo only looks: opening a FIFO would block.
         const QFileInfo source(path);
-        const QString why = WhyNoSource(source);
-        if (!why.isEmpty())
-            return why;
-        if (destinationIsFileName && source.canonicalFilePath() == canonical)
+        if (!source.exists())
+            return path
+                    + (source.isSymLink() ? QStringLiteral(": a symbolic link to nothing")
+                                          : QStringLiteral(": no such file or directory"));
+        if (!source.isFile() && !source.isDir())
+            return path
+                    + QStringLiteral(": not a file or directory (a FIFO, socket or device), "
+                                     "which is not copied");
+        const QString canonicalSource = source.canonicalFilePath();
+        if (destinationIsFileName && canonicalSource == canonical)
             return QStringLiteral("SOURCE %1 and DEST are the same file").arg(path);
-        if (source.isDir() && IsSameOrInside(canonical, source.canonicalFilePath()))
+        if (source.isDir()
+            && (canonical == canonicalSource || canonicalSource == QLatin1String("/")
+                || canonical.startsWith(canonicalSource + QLatin1Char('/'))))
             return QStringLiteral("DEST %1 lies inside SOURCE %2").arg(destination, path);
         if (!destinationIsFileName && CanonicalPathOf(source.absolutePath()) == canonical)
             return QStringLiteral("SOURCE %1 is already in DEST %2").arg(path, destination);

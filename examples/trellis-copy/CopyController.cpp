@@ -11,11 +11,8 @@ CopyController::CopyController(const CommandLine &request, QObject *parent)
       m_continueAfterFailures(!CopyQuestions::CanAsk()),
       m_aftercare(request.libraryMode, request.keepPartial, m_console)
 {
-    const auto onProgress = [this](int percent) {
-        m_percent = percent;
-        ShowProgress();
-    };
-    connect(&m_task, &TFileCopyTask::Progress, this, onProgress, Qt::QueuedConnection);
+    connect(&m_task, &TFileCopyTask::Progress, this, &CopyController::ShowProgress,
+            Qt::QueuedConnection);
     connect(&m_task, &TFileCopyTask::FileCopied, this, &CopyController::OnFileCopied,
             Qt::QueuedConnection);
     connect(&m_task, &TFileCopyTask::State, this, &CopyController::OnState, Qt::QueuedConnection);
@@ -45,12 +42,6 @@ CopyController::CopyController(const CommandLine &request, QObject *parent)
         Stop(1, QStringLiteral("Stopped"));
     });
     m_thread.MoveToThisThread(&m_task);
-}
-
-CopyController::~CopyController()
-{
-    m_thread.Stop();
-    m_thread.wait();
 }
 
 void CopyController::Start()
@@ -117,7 +108,7 @@ void CopyController::OnFileCopied(const QFileInfo &entry)
     if (verbose())
         m_console.Print(QStringLiteral("%1 -> %2").arg(entry.absoluteFilePath(), copy));
     m_aftercare.Finished(entry, copy);
-    ShowProgress();
+    ShowProgress(m_percent);
 }
 
 void CopyController::OnEntryFailed(const QFileInfo &entry, int error)
@@ -219,8 +210,9 @@ void CopyController::Resume(TFileCopyTask::EFileExistsAction action)
             &m_task, [this, action] { m_task.Continue(action); }, Qt::QueuedConnection);
 }
 
-void CopyController::ShowProgress()
+void CopyController::ShowProgress(int percent)
 {
+    m_percent = percent;
     if (m_request.verbosity == CommandLine::Quiet || !m_console.StatusDue())
         return;
     const QList<QFileInfo> &entries = batch().entries();

@@ -24,7 +24,6 @@ class CopyController : public QObject
 
 public:
     explicit CopyController(const CommandLine &request, QObject *parent = nullptr);
-    ~CopyController() override;
 
     //! The walk of planning writes nothing: it need not be waited for.
     bool isPlanning() const { return m_thread.isRunning() && !m_plan; }
@@ -47,7 +46,8 @@ private:
     void Decide();
     void Skip(bool failed = false);
     void Resume(TFileCopyTask::EFileExistsAction action);
-    void ShowProgress();
+    //! With \a percent of the current batch done.
+    void ShowProgress(int percent);
     void Finish(int exitCode, const QString &verdict);
 
     const CopyPlan::Batch &batch() const { return m_plan->batches().at(m_batchIndex); }
@@ -57,18 +57,7 @@ private:
     CommandLine::ConflictRule m_rule; // the preset, or what an "all" answer set
     bool m_continueAfterFailures;
 
-    struct Thread : TThreadedObject // the task needs no set-up of its own in it
-    {
-        Thread() : TThreadedObject(QStringLiteral("trellis-copy")) { }
-        void Initialize() override { }
-        void Finalize() override { }
-    };
-
-    // Declared before the thread, so destroyed after it has finished.
-    TFileCopyTask m_task;
-    Thread m_thread;
     std::atomic<bool> m_stopWanted { false };
-
     Console m_console;
     CopyQuestions m_questions;
     CopyTally m_tally;
@@ -85,6 +74,21 @@ private:
     bool m_finished = false;
     int m_stopExitCode = 1;
     QString m_stopVerdict; // set once a stop is under way
+
+    struct Thread : TThreadedObject // the task needs no set-up of its own in it
+    {
+        Thread() : TThreadedObject(QStringLiteral("trellis-copy")) { }
+        ~Thread() override
+        {
+            Stop();
+            wait();
+        }
+        void Initialize() override { }
+        void Finalize() override { }
+    };
+    // Last, so that the thread has finished before anything goes, and the task after it.
+    TFileCopyTask m_task;
+    Thread m_thread;
 };
 
 #endif // TRELLIS_COPY_COPYCONTROLLER_H

@@ -10,10 +10,6 @@
 
 #include <utility>
 
-CopyPlan::Batch::Batch(const QString &sourcePrefix, const QString &destinationPrefix)
-    : m_sourcePrefix(sourcePrefix), m_destinationPrefix(destinationPrefix)
-{ }
-
 // The task can only put another destination prefix in place of the batch's,
 // which gives an item a new directory but not a name of its own; so a new
 // name takes a batch whose source prefix is the item's whole path.

@@ -26,7 +26,9 @@ public:
     {
     public:
         //! \a sourcePrefix is a regular expression, as CopyFiles() takes it.
-        Batch(const QString &sourcePrefix, const QString &destinationPrefix);
+        Batch(const QString &sourcePrefix, const QString &destinationPrefix)
+            : m_sourcePrefix(sourcePrefix), m_destinationPrefix(destinationPrefix)
+        { }
         //! A batch of \a item alone, from \a batch, renamed as the user typed: see --help.
         Batch(const Batch &batch, const QFileInfo &item, const QString &renameTo);
 

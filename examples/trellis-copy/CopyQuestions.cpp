@@ -110,8 +110,7 @@ void CopyQuestions::ReadInput()
     m_typed.remove(0, end + 1);
     // With the terminal's echo off (as under a driving script) the answer
     // would otherwise be missing from the transcript.
-    struct termios mode;
-    if (::tcgetattr(STDIN_FILENO, &mode) == 0 && !(mode.c_lflag & ECHO))
+    if (struct termios mode; ::tcgetattr(STDIN_FILENO, &mode) == 0 && !(mode.c_lflag & ECHO))
         std::fprintf(stderr, "%s\n", qPrintable(line));
     Answer(line);
 }

@@ -12,9 +12,7 @@ class CopyTally
 public:
     CopyTally();
 
-    int copied = 0;
-    int skipped = 0;
-    int failed = 0;
+    int copied = 0, skipped = 0, failed = 0;
     void AddLeftOut(TFileCopyNotifier::LeftOutReason reason) { ++m_leftOut[reason]; }
 
     //! "a hidden name", "a FIFO", ...

@@ -1,5 +1,4 @@
-// trellis-copy: copies files and directory trees with the Trellis copy task
-// running in a worker thread; see --help.
+// trellis-copy: copies files and directory trees with the Trellis copy task; see --help.
 
 #include "CommandLine.h"
 #include "CopyController.h"
