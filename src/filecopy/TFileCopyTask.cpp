@@ -3,6 +3,7 @@
 #include "EntryCollector_p.h"
 #include "SourcePattern_p.h"
 #include "filesystem/FileCopier_p.h"
+#include "filesystem/FlushPool_p.h"
 
 #include <Trellis/TFileSystemHelper.h>
 
@@ -157,6 +158,7 @@ public:
     QRegExp srcPattern;
     SourcePattern sourcePattern { srcPattern }; // srcPattern, matched quickly
     EntryCollector collector;
+    FlushPool *flushPool = nullptr; // the running pass's
     std::atomic<bool> stopRequested { false };
 };
 
@@ -277,6 +279,10 @@ void TFileCopyTask::Run()
     // not meant for it.
     d->stopRequested = false;
     std::unique_lock<std::mutex> locker(d->mutex);
+    // The last flush of each file is left to threads of the pass's own, so
+    // that copying goes on meanwhile; the pass ends when all are done.
+    FlushPool flushPool;
+    d->flushPool = &flushPool;
 
     if (d->state == StatePreparing)
         d->ExpandBatch();
@@ -337,6 +343,9 @@ void TFileCopyTask::Run()
         }
     }
 
+    // Every file that the pass copied is on the disk before it reports.
+    flushPool.waitForAll();
+    d->flushPool = nullptr;
     if (d->pending.isEmpty() && !stopped)
         emit Progress(100, d->filesCopied, d->filesSkipped);
     const int state = d->state;
@@ -382,5 +391,5 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
     return FileCopier::copy(
             QFile::encodeName(source), QFile::encodeName(destination),
             [this](qint64 bytes) { return OnBytesWritten(bytes); }, true,
-            FileCopier::MissingDirectory::Create);
+            FileCopier::MissingDirectory::Create, d->flushPool);
 }

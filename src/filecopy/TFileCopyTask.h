@@ -41,6 +41,15 @@ class TFileCopyTaskPrivate;
     or stopped batch is only data: the next continue slot (or CopyFiles())
     queues the next pass.
 
+    Each file is copied and flushed to the disk as
+    TFileSystemHelper::FileCopyWithProgress() does, except that the last
+    flush of each file is left to up to four threads of the pass's own (at
+    most 16 files waiting for one), so that copying goes on meanwhile and
+    flushes share the file system's journal commits. A file is reported by
+    FileCopied() when its copy is complete, possibly before that flush; the
+    pass reports its State() only when every file it copied is flushed. As
+    with the single-file copy, the results of the flushes are not looked at.
+
     \section1 Paths
 
     The destination of a source path is the path with the match of the
