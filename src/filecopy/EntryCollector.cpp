@@ -61,14 +61,14 @@ LeftOutReason ReasonFor(const Directory &directory, const QByteArray &name)
 class EntryCollector::Descent
 {
 public:
-    Descent(const QFileInfo &root, const TFileCopyTask::LeftOutReceiver &leftOut)
+    Descent(const QFileInfo &root, const TFileCopyTask::LeftOutReceiver *leftOut)
         : root(root), leftOut(leftOut)
     { }
 
     void LeaveOut(const QFileInfo &entry, LeftOutReason reason) const
     {
         if (leftOut)
-            leftOut(entry, reason);
+            (*leftOut)(entry, reason);
     }
 
     // The names in directory that a listing admits, in name order ignoring
@@ -77,23 +77,20 @@ public:
                                           const Directory &directory, const QDir &parent) const
     {
         std::vector<QByteArray> names;
-        std::vector<std::pair<QString, LeftOutReason>> leftOutNames;
+        std::vector<QByteArray> leftOutNames;
         for (const DirectoryEntry &entry : entries) {
             const Listed listed = directory.listedAs(entry);
             if (listed == Listed::Directory || listed == Listed::File)
                 names.push_back(entry.name);
             else if (listed == Listed::LeftOut && leftOut)
-                leftOutNames.emplace_back(QFile::decodeName(entry.name),
-                                          isHiddenName(entry.name)
-                                                  ? TFileCopyNotifier::HiddenName
-                                                  : ReasonFor(directory, entry.name));
+                leftOutNames.push_back(entry.name);
         }
         sortIgnoringCase(names);
-        std::sort(leftOutNames.begin(), leftOutNames.end(), [](const auto &a, const auto &b) {
-            return a.first.compare(b.first, Qt::CaseInsensitive) < 0;
-        });
-        for (const auto &[name, reason] : leftOutNames)
-            leftOut(QFileInfo(parent, name), reason);
+        sortIgnoringCase(leftOutNames);
+        for (const QByteArray &name : leftOutNames)
+            LeaveOut(QFileInfo(parent, QFile::decodeName(name)),
+                     isHiddenName(name) ? TFileCopyNotifier::HiddenName
+                                        : ReasonFor(directory, name));
         return names;
     }
 
@@ -120,14 +117,14 @@ public:
 
 private:
     const QFileInfo root;
-    const TFileCopyTask::LeftOutReceiver &leftOut;
+    const TFileCopyTask::LeftOutReceiver *const leftOut; // null: nothing told
     bool aboveKnown = false;
     std::vector<FileId> above;
     std::vector<FileId> path;
 };
 
 void EntryCollector::collect(const QFileInfo &info, QList<QFileInfo> &out, int depth,
-                             const TFileCopyTask::LeftOutReceiver &leftOut)
+                             const TFileCopyTask::LeftOutReceiver *leftOut)
 {
     Descent descent(info, leftOut);
     collectInto(info, out, depth, descent);

@@ -35,7 +35,7 @@ public:
     // info has cached about its file is taken as it stands: hand over an
     // object that has not looked at it yet, or has just done so.
     void collect(const QFileInfo &info, QList<QFileInfo> &out, int depth,
-                 const TFileCopyTask::LeftOutReceiver &leftOut = {});
+                 const TFileCopyTask::LeftOutReceiver *leftOut = nullptr);
 
     // Why entry could not be read completely (an errno value), or 0.
     int readError(const QFileInfo &entry) const

@@ -39,6 +39,11 @@ SourcePattern::SourcePattern(const QRegExp &pattern) : m_pattern(pattern)
     m_isLiteral = true;
 }
 
+SourcePattern SourcePattern::forPrefix(const QString &srcPrefix)
+{
+    return SourcePattern(QRegExp(QLatin1Char('^') + srcPrefix, Qt::CaseSensitive, QRegExp::RegExp));
+}
+
 int SourcePattern::matchedLength(const QString &path) const
 {
     if (m_isLiteral)

@@ -20,6 +20,12 @@ class SourcePattern
 public:
     explicit SourcePattern(const QRegExp &pattern);
 
+    // The pattern of a source prefix as the task takes it: "^" and the
+    // prefix, a case-sensitive regular expression.
+    static SourcePattern forPrefix(const QString &srcPrefix);
+
+    const QRegExp &regExp() const { return m_pattern; }
+
     // The length of the match at the start of path, or -1 without one.
     int matchedLength(const QString &path) const;
 

@@ -88,9 +88,9 @@ public:
         collector.clear();
         for (const QFileInfo &source : std::as_const(sources)) {
             QList<QFileInfo> items;
-            collector.collect(source, items, depth, reportLeftOut);
+            collector.collect(source, items, depth, &reportLeftOut);
             for (const QFileInfo &item : std::as_const(items)) {
-                if (sourcePattern.matchedLength(item.absoluteFilePath()) < 0)
+                if (srcPattern.matchedLength(item.absoluteFilePath()) < 0)
                     continue;
                 pending.append(item);
                 // The item was looked at moments ago; only a directory's
@@ -117,8 +117,7 @@ public:
         const bool isFile = item.isFile();
         if (!isFile && !item.exists())
             return false;
-        const QString destination
-                = sourcePattern.replaced(item.absoluteFilePath(), prefix.For(item));
+        const QString destination = srcPattern.replaced(item.absoluteFilePath(), prefix.For(item));
         if (destination.isNull())
             return false;
         if (QFileInfo::exists(destination))
@@ -155,8 +154,7 @@ public:
     int depth = 0;
     QString destPrefix;
     QString altDestPrefix;
-    QRegExp srcPattern;
-    SourcePattern sourcePattern { srcPattern }; // srcPattern, matched quickly
+    SourcePattern srcPattern { QRegExp() };
     EntryCollector collector;
     FlushPool *flushPool = nullptr; // the running pass's
     std::atomic<bool> stopRequested { false };
@@ -181,8 +179,7 @@ void TFileCopyTask::CopyFiles(const QList<QFileInfo> &sources, const QString &sr
     d->sources.reserve(sources.size());
     for (const QFileInfo &source : sources)
         d->sources.append(Detached(source));
-    d->srcPattern = QRegExp(QLatin1Char('^') + srcPrefix, Qt::CaseSensitive, QRegExp::RegExp);
-    d->sourcePattern = SourcePattern(d->srcPattern);
+    d->srcPattern = SourcePattern::forPrefix(srcPrefix);
     d->destPrefix = destPrefix;
     d->filesCopied = 0;
     d->filesSkipped = 0;
@@ -205,7 +202,7 @@ QList<QFileInfo> TFileCopyTask::WorkItems(const QFileInfo &source, int depth,
                                           const LeftOutReceiver &leftOut)
 {
     QList<QFileInfo> items;
-    EntryCollector().collect(Detached(source), items, depth, leftOut);
+    EntryCollector().collect(Detached(source), items, depth, leftOut ? &leftOut : nullptr);
     return items;
 }
 
@@ -217,9 +214,8 @@ QList<QFileInfo> TFileCopyTask::Entries(const QFileInfo &workItem, const LeftOut
 QString TFileCopyTask::DestinationPath(const QFileInfo &entry, const QString &srcPrefix,
                                        const QString &destPrefix)
 {
-    const SourcePattern pattern(
-            QRegExp(QLatin1Char('^') + srcPrefix, Qt::CaseSensitive, QRegExp::RegExp));
-    return pattern.replaced(entry.absoluteFilePath(), DestinationPrefix(destPrefix).For(entry));
+    return SourcePattern::forPrefix(srcPrefix).replaced(entry.absoluteFilePath(),
+                                                        DestinationPrefix(destPrefix).For(entry));
 }
 
 void TFileCopyTask::Stop()
@@ -312,13 +308,12 @@ void TFileCopyTask::Run()
 
         if (d->state == StateCopying) {
             QList<QFileInfo> entries;
-            d->collector.collect(item, entries, WorkItemDepth,
-                                 skip ? LeftOutReceiver() : d->reportLeftOut);
+            d->collector.collect(item, entries, WorkItemDepth, skip ? nullptr : &d->reportLeftOut);
             for (const QFileInfo &entry : std::as_const(entries)) {
                 if (skip) {
                     ++d->filesSkipped;
                     d->bytesDone += entry.size();
-                } else if (CopyFile(entry, d->srcPattern, prefix.For(entry))) {
+                } else if (CopyFile(entry, d->srcPattern.regExp(), prefix.For(entry))) {
                     ++d->filesCopied;
                     emit FileCopied(Detached(entry));
                 } else {
@@ -371,9 +366,9 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
     }
     const QString source = fileInfo.absoluteFilePath();
     // Run() passes the batch's own pattern, which is prepared already.
-    const QString destination
-            = (pattern == d->srcPattern ? d->sourcePattern : SourcePattern(pattern))
-                      .replaced(source, destPrefix);
+    const QString destination = pattern == d->srcPattern.regExp()
+            ? d->srcPattern.replaced(source, destPrefix)
+            : SourcePattern(pattern).replaced(source, destPrefix);
     // Left unchanged, the path of an entry that the prefix does not match
     // would name the source itself.
     if (destination.isNull()) {
