@@ -109,7 +109,6 @@ CopyPlan::CopyPlan(const CommandLine &request, const std::atomic<bool> &cancelle
                 else
                     firstWritten.insert(written, entry.absoluteFilePath());
                 collides = collides || !first.isEmpty();
-                m_bytes += entry.size();
             }
             if (!collides) {
                 batch.Append(item, entries);
@@ -119,6 +118,14 @@ CopyPlan::CopyPlan(const CommandLine &request, const std::atomic<bool> &cancelle
                 batch.Append(entry, { entry });
         }
     }
+}
+
+qint64 CopyPlan::bytes() const
+{
+    qint64 bytes = 0;
+    for (const Batch &batch : m_batches)
+        bytes += batch.bytes();
+    return bytes;
 }
 
 QStringList CopyPlan::DryRun(CommandLine::ConflictRule rule) const

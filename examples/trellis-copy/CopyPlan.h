@@ -69,13 +69,9 @@ public:
 
     const QList<Batch> &batches() const { return m_batches; }
     //! For a renamed item.
-    void Insert(int index, const Batch &batch)
-    {
-        m_batches.insert(index, batch);
-        m_bytes += batch.bytes();
-    }
+    void Insert(int index, const Batch &batch) { m_batches.insert(index, batch); }
     //! Of all batches, as the task measures them.
-    qint64 bytes() const { return m_bytes; }
+    qint64 bytes() const;
     //! The entry written earlier in the run where \a entry is written, or "".
     QString CollidesWith(const QFileInfo &entry) const
     {
@@ -87,7 +83,6 @@ public:
 private:
     QList<Batch> m_batches;
     QHash<QString, QString> m_collisions;
-    qint64 m_bytes = 0;
 };
 
 #endif // TRELLIS_COPY_COPYPLAN_H
