@@ -58,9 +58,7 @@ QString CopyPlan::Batch::WrittenPath(const QFileInfo &entry) const
 
 QString CopyPlan::Batch::ExistingDestination(const QFileInfo &item) const
 {
-    const QString written = WrittenPath(item);
-    const QString own = TFileCopyTask::DestinationPath(item, m_sourcePrefix, m_destinationPrefix);
-    return QFileInfo::exists(written) ? written : QFileInfo::exists(own) ? own : QString();
+    return TFileCopyTask::ExistingDestination(item, m_sourcePrefix, m_destinationPrefix);
 }
 
 bool CopyPlan::Batch::Overwrites(CommandLine::ConflictRule rule, const QFileInfo &item) const

@@ -47,7 +47,7 @@ public:
 
         //! The name the copy of \a entry is written under: a file's with its extension lower-cased.
         QString WrittenPath(const QFileInfo &entry) const;
-        //! The destination of \a item that exists, under its written name or its own, or "".
+        //! What exists at \a item's destination, as the copy task tests it, or "".
         QString ExistingDestination(const QFileInfo &item) const;
         //! Whether \a rule overwrites the existing destination of \a item.
         bool Overwrites(CommandLine::ConflictRule rule, const QFileInfo &item) const;

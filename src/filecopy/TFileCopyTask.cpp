@@ -59,6 +59,25 @@ private:
     const bool hasPlaceMarker;
 };
 
+// What exists at the destination of item, which makes it a conflict: its
+// destination path or, for a file, the name the copier writes, its extension
+// lower-cased; a null string for none, also for an item that has vanished.
+QString ExistingDestinationOf(const QFileInfo &item, const SourcePattern &pattern,
+                              const DestinationPrefix &prefix)
+{
+    // Asked first: the one look it takes at the item answers exists() too.
+    const bool isFile = item.isFile();
+    if (!isFile && !item.exists())
+        return QString();
+    const QString destination = pattern.replaced(item.absoluteFilePath(), prefix.For(item));
+    if (destination.isNull() || QFileInfo::exists(destination))
+        return destination;
+    if (!isFile)
+        return QString();
+    const QString written = TFileSystemHelper::FileCopyLowerCaseDestFilename(destination);
+    return written != destination && QFileInfo::exists(written) ? written : QString();
+}
+
 // A QFileInfo of the same path that shares no cached state with info, for
 // signals whose receivers may use it in another thread.
 QFileInfo Detached(const QFileInfo &info)
@@ -107,25 +126,6 @@ public:
         }
         bytesDone = 0;
         state = TFileCopyTask::StateCopying;
-    }
-
-    // A vanished item has no conflict; a file item also conflicts with the
-    // name the copier will write, its extension lower-cased.
-    bool DestinationExists(const QFileInfo &item, const DestinationPrefix &prefix) const
-    {
-        // Asked first: the one look it takes at the item answers exists() too.
-        const bool isFile = item.isFile();
-        if (!isFile && !item.exists())
-            return false;
-        const QString destination = srcPattern.replaced(item.absoluteFilePath(), prefix.For(item));
-        if (destination.isNull())
-            return false;
-        if (QFileInfo::exists(destination))
-            return true;
-        if (!isFile)
-            return false;
-        const QString written = TFileSystemHelper::FileCopyLowerCaseDestFilename(destination);
-        return written != destination && QFileInfo::exists(written);
     }
 
     int RunningPercent() const
@@ -218,6 +218,13 @@ QString TFileCopyTask::DestinationPath(const QFileInfo &entry, const QString &sr
                                                         DestinationPrefix(destPrefix).For(entry));
 }
 
+QString TFileCopyTask::ExistingDestination(const QFileInfo &workItem, const QString &srcPrefix,
+                                           const QString &destPrefix)
+{
+    return ExistingDestinationOf(Detached(workItem), SourcePattern::forPrefix(srcPrefix),
+                                 DestinationPrefix(destPrefix));
+}
+
 void TFileCopyTask::Stop()
 {
     d->stopRequested = true;
@@ -292,7 +299,7 @@ void TFileCopyTask::Run()
         const DestinationPrefix prefix(d->EffectivePrefix());
         const QFileInfo item = Detached(d->pending.constLast());
         bool skip = false;
-        if (d->DestinationExists(item, prefix)) {
+        if (!ExistingDestinationOf(item, d->srcPattern, prefix).isNull()) {
             switch (d->fileExistsAction) {
             case Ask:
                 d->state = StateFileExists;

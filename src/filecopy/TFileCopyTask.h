@@ -90,9 +90,9 @@ class TFileCopyTaskPrivate;
     being left out unseen.
 
     What the task leaves out, and every entry that fails, is told entry by
-    entry through the signals of its Notifier(). WorkItems(), Entries() and
-    DestinationPath() show the plan of a batch without copying anything, by
-    the same rules.
+    entry through the signals of its Notifier(). WorkItems(), Entries(),
+    DestinationPath() and ExistingDestination() show the plan of a batch without copying anything,
+   by the same rules.
 
     \section1 Threads and locks
 
@@ -289,6 +289,17 @@ public:
     */
     static QString DestinationPath(const QFileInfo &entry, const QString &srcPrefix,
                                    const QString &destPrefix);
+
+    /*!
+        What makes the work item \a workItem a conflict for a pass with these
+        prefixes, as the pass tests it: the item's DestinationPath() when
+        something exists there or, for a file, the name its copy is written
+        under when that exists. A null string when the item has no conflict,
+        also when it no longer exists. Looks at the file system in the
+        calling thread; may be called from any thread.
+    */
+    static QString ExistingDestination(const QFileInfo &workItem, const QString &srcPrefix,
+                                       const QString &destPrefix);
 
 signals:
     /*!

@@ -368,6 +368,13 @@ void tst_TFileCopyTask::plan()
     const QString destPrefix = tmp.path() + QStringLiteral("/dst/%1");
     QCOMPARE(TFileCopyTask::DestinationPath(allEntries.constFirst(), srcPrefix, destPrefix),
              tmp.path() + QStringLiteral("/dst/x/t/A/x.txt"));
+    // A conflict, as a pass tests it: a file also under its written name.
+    MakeTree(tmp.path(), QStringLiteral("src/t/B.TXT=new"));
+    const QFileInfo upper(src.filePath(QStringLiteral("t/B.TXT")));
+    QVERIFY(TFileCopyTask::ExistingDestination(upper, srcPrefix, destPrefix).isNull());
+    MakeTree(tmp.path(), QStringLiteral("dst/B/t/B.txt=old"));
+    QCOMPARE(TFileCopyTask::ExistingDestination(upper, srcPrefix, destPrefix),
+             tmp.path() + QStringLiteral("/dst/B/t/B.txt"));
     QVERIFY(TFileCopyTask::DestinationPath(QFileInfo(QStringLiteral("/elsewhere/t/b.txt")),
                                            srcPrefix, destPrefix)
                     .isNull());
