@@ -164,25 +164,33 @@ void CopyController::OnConflict()
 void CopyController::OnConflictAnswered(CopyQuestions::ConflictAnswer answer,
                                         const QString &renameTo)
 {
-    // The rule each answer sets, in the order of the answers; Ask for those that set none.
-    static const CommandLine::ConflictRule rules[]
-            = { CommandLine::Ask,   CommandLine::Overwrite, CommandLine::Ask, CommandLine::Skip,
-                CommandLine::Newer, CommandLine::Different, CommandLine::Ask, CommandLine::Ask };
-    if (rules[answer] != CommandLine::Ask) {
-        m_rule = rules[answer];
+    // An "all" answer, newer and different become the rule for the rest.
+    const auto ruleFromNowOn = [this](CommandLine::ConflictRule rule) {
+        m_rule = rule;
         Decide();
-    } else if (answer == CopyQuestions::Overwrite) {
-        Resume(TFileCopyTask::Overwrite);
-    } else if (answer == CopyQuestions::Skip) {
-        Skip();
-    } else if (answer == CopyQuestions::Rename) {
+    };
+    switch (answer) {
+    case CopyQuestions::Overwrite:
+        return Resume(TFileCopyTask::Overwrite);
+    case CopyQuestions::OverwriteAll:
+        return ruleFromNowOn(CommandLine::Overwrite);
+    case CopyQuestions::Skip:
+        return Skip();
+    case CopyQuestions::SkipAll:
+        return ruleFromNowOn(CommandLine::Skip);
+    case CopyQuestions::Newer:
+        return ruleFromNowOn(CommandLine::Newer);
+    case CopyQuestions::Different:
+        return ruleFromNowOn(CommandLine::Different);
+    case CopyQuestions::Rename: {
         // Skipped here, the item is copied next in a batch of its own.
         const CopyPlan::Batch renamed(batch(), m_conflictItem, renameTo);
         m_plan->Insert(m_batchIndex + 1 + m_renamesInBatch++, renamed);
         m_cursor = batch().EntryRange(m_conflictItem).second;
-        Resume(TFileCopyTask::Skip);
-    } else {
-        Finish(1, QStringLiteral("Quit"));
+        return Resume(TFileCopyTask::Skip);
+    }
+    case CopyQuestions::Quit:
+        return Finish(1, QStringLiteral("Quit"));
     }
 }
 
