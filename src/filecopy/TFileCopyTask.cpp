@@ -9,6 +9,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QMetaMethod>
 #include <QMetaType>
 
 #include <algorithm>
@@ -85,16 +86,26 @@ QFileInfo Detached(const QFileInfo &info)
     return QFileInfo(info.filePath());
 }
 
+// Whether action decides differently for an item whose destination exists:
+// the overwriting actions, and values outside the enum, copy it either way.
+bool ConflictMatters(TFileCopyTask::EFileExistsAction action)
+{
+    return action == TFileCopyTask::Ask || action == TFileCopyTask::Skip
+            || action == TFileCopyTask::SkipAll;
+}
+
 } // namespace
 
 class TFileCopyTaskPrivate
 {
 public:
-    TFileCopyTaskPrivate(TFileCopyTask::EFileExistsAction action, TFileCopyNotifier *notifier)
-        : notifier(notifier), reportLeftOut([notifier](const QFileInfo &entry,
-                                                       TFileCopyNotifier::LeftOutReason reason) {
-              emit notifier->EntryLeftOut(Detached(entry), reason);
-          }),
+    TFileCopyTaskPrivate(TFileCopyTask::EFileExistsAction action, TFileCopyNotifier *notifier,
+                         FileCopier::Report reportBytes)
+        : notifier(notifier), reportBytes(std::move(reportBytes)),
+          reportLeftOut(
+                  [notifier](const QFileInfo &entry, TFileCopyNotifier::LeftOutReason reason) {
+                      emit notifier->EntryLeftOut(Detached(entry), reason);
+                  }),
           fileExistsAction(action)
     { }
 
@@ -137,7 +148,15 @@ public:
         return std::min(99, qRound(double(bytesDone) / double(bytesTotal) * 100.0));
     }
 
+    // Copies entry to destPrefix put in place of pattern's match, by the
+    // rules of the task's CopyFile(); a failure leaves its cause in errno.
+    bool CopyEntry(const QFileInfo &entry, const SourcePattern &pattern, const QString &destPrefix);
+
     TFileCopyNotifier *const notifier; // a child of the task
+    // The copier's reports go to OnBytesWritten() as FileCopyWithProgress()
+    // would send them, in this thread, without looking the slot up by name
+    // for every report.
+    const FileCopier::Report reportBytes;
     const TFileCopyTask::LeftOutReceiver reportLeftOut;
 
     // A std::mutex rather than a QMutex: the same lock, but one whose
@@ -157,12 +176,42 @@ public:
     SourcePattern srcPattern { QRegExp() };
     EntryCollector collector;
     FlushPool *flushPool = nullptr; // the running pass's
+    // The running pass's; forgotten at its end, so that no pass finds a
+    // directory by an earlier pass's look.
+    FileCopier::DestinationDirectory destinationDirectory;
     std::atomic<bool> stopRequested { false };
 };
 
+bool TFileCopyTaskPrivate::CopyEntry(const QFileInfo &fileInfo, const SourcePattern &pattern,
+                                     const QString &destPrefix)
+{
+    if (const int readError = collector.readError(fileInfo)) {
+        errno = readError;
+        return false;
+    }
+    const QString source = fileInfo.absoluteFilePath();
+    const QString destination = pattern.replaced(source, destPrefix);
+    // Left unchanged, the path of an entry that the prefix does not match
+    // would name the source itself.
+    if (destination.isNull()) {
+        errno = EINVAL;
+        return false;
+    }
+    if (fileInfo.isDir()) {
+        // A directory is an entry when its listing gave nothing to copy. The
+        // result of mkpath() is not looked at, by the task's rules.
+        QDir().mkpath(destination);
+        return true;
+    }
+    return FileCopier::copy(QFile::encodeName(source), QFile::encodeName(destination), reportBytes,
+                            true, FileCopier::MissingDirectory::Create, flushPool,
+                            &destinationDirectory);
+}
+
 TFileCopyTask::TFileCopyTask(EFileExistsAction action)
-    : QObject(nullptr),
-      d(std::make_unique<TFileCopyTaskPrivate>(action, new TFileCopyNotifier(this)))
+    : QObject(nullptr), d(std::make_unique<TFileCopyTaskPrivate>(
+                                action, new TFileCopyNotifier(this),
+                                [this](qint64 bytes) { return OnBytesWritten(bytes); }))
 {
     qRegisterMetaType<QFileInfo>("QFileInfo");
 }
@@ -286,6 +335,7 @@ void TFileCopyTask::Run()
     // that copying goes on meanwhile; the pass ends when all are done.
     FlushPool flushPool;
     d->flushPool = &flushPool;
+    static const QMetaMethod fileCopiedSignal = QMetaMethod::fromSignal(&TFileCopyTask::FileCopied);
 
     if (d->state == StatePreparing)
         d->ExpandBatch();
@@ -299,7 +349,8 @@ void TFileCopyTask::Run()
         const DestinationPrefix prefix(d->EffectivePrefix());
         const QFileInfo item = Detached(d->pending.constLast());
         bool skip = false;
-        if (!ExistingDestinationOf(item, d->srcPattern, prefix).isNull()) {
+        if (ConflictMatters(d->fileExistsAction)
+            && !ExistingDestinationOf(item, d->srcPattern, prefix).isNull()) {
             switch (d->fileExistsAction) {
             case Ask:
                 d->state = StateFileExists;
@@ -320,9 +371,12 @@ void TFileCopyTask::Run()
                 if (skip) {
                     ++d->filesSkipped;
                     d->bytesDone += entry.size();
-                } else if (CopyFile(entry, d->srcPattern.regExp(), prefix.For(entry))) {
+                } else if (d->CopyEntry(entry, d->srcPattern, prefix.For(entry))) {
                     ++d->filesCopied;
-                    emit FileCopied(Detached(entry));
+                    // A QFileInfo of its own costs more than the rest of a
+                    // small file's copy: made only when someone listens.
+                    if (isSignalConnected(fileCopiedSignal))
+                        emit FileCopied(Detached(entry));
                 } else {
                     const int error = errno;
                     d->state = StateCopyFailed;
@@ -348,6 +402,7 @@ void TFileCopyTask::Run()
     // Every file that the pass copied is on the disk before it reports.
     flushPool.waitForAll();
     d->flushPool = nullptr;
+    d->destinationDirectory.forget();
     if (d->pending.isEmpty() && !stopped)
         emit Progress(100, d->filesCopied, d->filesSkipped);
     const int state = d->state;
@@ -366,32 +421,5 @@ bool TFileCopyTask::OnBytesWritten(qint64 bytes)
 
 bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const QString &destPrefix)
 {
-    // A failure leaves its cause in errno.
-    if (const int readError = d->collector.readError(fileInfo)) {
-        errno = readError;
-        return false;
-    }
-    const QString source = fileInfo.absoluteFilePath();
-    // Run() passes the batch's own pattern, which is prepared already.
-    const QString destination = pattern == d->srcPattern.regExp()
-            ? d->srcPattern.replaced(source, destPrefix)
-            : SourcePattern(pattern).replaced(source, destPrefix);
-    // Left unchanged, the path of an entry that the prefix does not match
-    // would name the source itself.
-    if (destination.isNull()) {
-        errno = EINVAL;
-        return false;
-    }
-    if (fileInfo.isDir()) {
-        // A directory is an entry when its listing gave nothing to copy. The
-        // result of mkpath() is not looked at, by the task's rules.
-        QDir().mkpath(destination);
-        return true;
-    }
-    // The copy reports to OnBytesWritten() as FileCopyWithProgress() would,
-    // in this thread, without looking the slot up by name for every report.
-    return FileCopier::copy(
-            QFile::encodeName(source), QFile::encodeName(destination),
-            [this](qint64 bytes) { return OnBytesWritten(bytes); }, true,
-            FileCopier::MissingDirectory::Create, d->flushPool);
+    return d->CopyEntry(fileInfo, SourcePattern(pattern), destPrefix);
 }

@@ -155,31 +155,50 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
     return true;
 }
 
+int FileCopier::DestinationDirectory::open(const QByteArray &path, MissingDirectory missing)
+{
+    if (holds(path))
+        return m_fd.get();
+    // Only a way to the names in it, which needs no permission to read it
+    // and no look at its status.
+    const auto openDirectory
+            = [&path] { return ::open(path.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC); };
+    m_path = path;
+    m_fd.reset(openDirectory());
+    if (!m_fd.isOpen() && errno == ENOENT && missing == MissingDirectory::Create) {
+        const bool made = QDir().mkpath(QFile::decodeName(path));
+        const int whyNot = errno;
+        m_fd.reset(openDirectory());
+        if (!m_fd.isOpen() && !made)
+            errno = whyNot; // the cause is what kept the directory from being made
+    }
+    return m_fd.get();
+}
+
 bool FileCopier::copy(const QByteArray &sourcePath, const QByteArray &destPath,
                       const Report &report, bool stampFileTime, MissingDirectory missing,
-                      FlushPool *flushPool)
+                      FlushPool *flushPool, DestinationDirectory *directory)
 {
     const int slash = destPath.lastIndexOf('/');
     const QByteArray destDirPath = slash < 0 ? QByteArray(".")
             : slash == 0                     ? QByteArray("/")
                                              : destPath.left(slash);
-    // Only a way to the names in it, which needs no permission to read it
-    // and no look at its status.
-    const auto openDirectory = [&destDirPath] {
-        return ::open(destDirPath.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    const QByteArray destName = destPath.mid(slash + 1);
+    DestinationDirectory ownDirectory;
+    DestinationDirectory &destDir = directory ? *directory : ownDirectory;
+    const bool keptOpen = destDir.holds(destDirPath);
+    const auto copyInto = [&](int destDirFd) {
+        return destDirFd >= 0
+                && copy(AT_FDCWD, sourcePath, destDirFd, destName, report, stampFileTime,
+                        flushPool);
     };
-    FileDescriptor destDir(openDirectory());
-    if (!destDir.isOpen() && errno == ENOENT && missing == MissingDirectory::Create) {
-        const bool made = QDir().mkpath(QFile::decodeName(destDirPath));
-        const int whyNot = errno;
-        destDir.reset(openDirectory());
-        if (!destDir.isOpen() && !made)
-            errno = whyNot; // the cause is what kept the directory from being made
-    }
-    if (!destDir.isOpen())
+    if (copyInto(destDir.open(destDirPath, missing)))
+        return true;
+    // Nothing can be created in a directory that was removed.
+    if (!keptOpen || errno != ENOENT)
         return false;
-    return copy(AT_FDCWD, sourcePath, destDir.get(), destPath.mid(slash + 1), report, stampFileTime,
-                flushPool);
+    destDir.forget();
+    return copyInto(destDir.open(destDirPath, missing));
 }
 
 FileCopier::Report FileCopier::reportTo(QObject *receiver, const char *member)

@@ -9,6 +9,7 @@
 #define TRELLIS_FILECOPIER_P_H
 
 #include "DataCopy_p.h"
+#include "FileDescriptor_p.h"
 
 #include <QByteArray>
 
@@ -38,14 +39,37 @@ bool copy(int sourceDir, const QByteArray &sourceName, int destDir, const QByteA
 
 enum class MissingDirectory { Fail, Create };
 
+// The destination directory of copies by path, kept open from one copy to
+// the next while they go to the same directory: the files of a directory
+// mostly follow each other, and each would resolve its path again.
+class DestinationDirectory
+{
+public:
+    // The directory at path, opened (O_PATH) unless it is the one kept
+    // open; with MissingDirectory::Create a directory that is not there is
+    // made first, with its parents, as QDir::mkpath() makes it (its result
+    // unchecked: the open fails when there is still no directory). -1, with
+    // errno set, when it cannot be opened.
+    int open(const QByteArray &path, MissingDirectory missing);
+
+    // Whether the directory at path is the one kept open.
+    bool holds(const QByteArray &path) const { return m_fd.isOpen() && m_path == path; }
+
+    // Closes the directory kept open: the next open() looks its path up.
+    void forget() { m_fd.close(); }
+
+private:
+    QByteArray m_path;
+    FileDescriptor m_fd { -1 };
+};
+
 // The same for two paths named as the caller names them; the destination's
-// directory is opened once, and the copy made relative to it. With
-// MissingDirectory::Create a directory that is not there is made first,
-// with its parents, as QDir::mkpath() makes it (its result unchecked: the
-// copy fails when there is still no directory).
+// directory is opened, by directory when one is given, and the copy made
+// relative to it. A directory kept open that has been removed meanwhile
+// is looked up by its path again, as a copy by path would find it.
 bool copy(const QByteArray &sourcePath, const QByteArray &destPath, const Report &report,
           bool stampFileTime, MissingDirectory missing = MissingDirectory::Fail,
-          FlushPool *flushPool = nullptr);
+          FlushPool *flushPool = nullptr, DestinationDirectory *directory = nullptr);
 
 // A report that calls the slot member of receiver by name, as
 // FileCopyWithProgress() does; empty when either is null.

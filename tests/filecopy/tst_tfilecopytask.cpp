@@ -67,6 +67,8 @@ private slots:
 //       Continue:4 (SkipAll) or ContinueRename:0:@/alt.
 //   StopAtReport:n  the receiver of the n-th Progress() from now calls Stop().
 //   Remove:path  deletes a file.
+//   RemoveAtCopied:path  the receiver of the next FileCopied() deletes the
+//       directory at path with its contents.
 //   Fifo:path  makes a named pipe.
 // "@" stands for the temporary directory.
 //
@@ -156,6 +158,11 @@ void tst_TFileCopyTask::batches_data()
            "P 99 1 1, F x/a.txt, P 100 2 1, S 4 -",
            "dst=/x,y,z dst/x=/a.txt dst/z=/");
 
+    // The next file of the directory finds it by its path again.
+    AddRow("a destination directory removed between its files is made again",
+           "src/d/a.txt=a src/d/b.txt=b", "RemoveAtCopied:@/dst/d+Copy:1:d",
+           "..., F d/b.txt, P 99 1 0, F d/a.txt, P 100 2 0, S 4 -", "dst/d=/a.txt dst/d/a.txt=a");
+
     const QByteArray nothing = "P 100 0 0, P 100 0 0, S 4 -";
     AddRow("Continue on a new task", "src/a.txt=a", "ContinueOverwrite", nothing, "dst=-");
     for (const char *copy : { "Copy:0:", "Copy:0:missing.txt", "Copy:0:a.txt:@/elsewhere" })
@@ -229,8 +236,13 @@ void tst_TFileCopyTask::batches()
     QObject::connect(&task, &TFileCopyTask::State, [&](int state, const QFileInfo &file) {
         record(QStringLiteral("S %1 %2").arg(state).arg(relative(file)));
     });
-    QObject::connect(&task, &TFileCopyTask::FileCopied,
-                     [&](const QFileInfo &file) { record(QStringLiteral("F ") + relative(file)); });
+    QString removeAtCopied; // guarded by receivedMutex
+    QObject::connect(&task, &TFileCopyTask::FileCopied, [&](const QFileInfo &file) {
+        record(QStringLiteral("F ") + relative(file));
+        const std::lock_guard<std::mutex> locker(receivedMutex);
+        if (!removeAtCopied.isEmpty())
+            QVERIFY(QDir(std::exchange(removeAtCopied, QString())).removeRecursively());
+    });
     QObject::connect(task.Notifier(), &TFileCopyNotifier::EntryFailed,
                      [&](const QFileInfo &file, int error) {
                          record(QStringLiteral("X %1 %2").arg(
@@ -278,6 +290,9 @@ void tst_TFileCopyTask::batches()
                 reportsToStop = word[1].toInt();
             } else if (name == "Remove") {
                 QVERIFY(QFile::remove(word[1]));
+            } else if (name == "RemoveAtCopied") {
+                const std::lock_guard<std::mutex> locker(receivedMutex);
+                removeAtCopied = word[1];
             } else if (name == "Fifo") {
                 QCOMPARE(::mkfifo(QFile::encodeName(word[1]).constData(), 0644), 0);
             } else {
