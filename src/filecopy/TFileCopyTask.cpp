@@ -1,11 +1,10 @@
 #include "TFileCopyTask.h"
 
+#include "DestinationPrefix_p.h"
 #include "EntryCollector_p.h"
 #include "SourcePattern_p.h"
 #include "filesystem/FileCopier_p.h"
 #include "filesystem/FlushPool_p.h"
-
-#include <Trellis/TFileSystemHelper.h>
 
 #include <QDir>
 #include <QFile>
@@ -24,60 +23,6 @@ namespace {
 
 // How deep a work item is collected when it is measured and when it is copied.
 constexpr int WorkItemDepth = 100;
-
-// Whether text holds a place marker that QString::arg() replaces: a '%', an
-// optional 'L' and a digit.
-bool HasPlaceMarker(const QString &text)
-{
-    const QLatin1Char percent('%');
-    for (int at = text.indexOf(percent); at >= 0; at = text.indexOf(percent, at + 1)) {
-        int digit = at + 1;
-        if (digit < text.size() && text.at(digit) == QLatin1Char('L'))
-            ++digit;
-        if (digit < text.size() && text.at(digit).isDigit())
-            return true;
-    }
-    return false;
-}
-
-// A destination prefix, in which a place marker stands for each entry's
-// complete base name. QString::arg() warns about a text without one, and the
-// library writes no log, so such a prefix is used as it stands.
-class DestinationPrefix
-{
-public:
-    explicit DestinationPrefix(const QString &text)
-        : text(text), hasPlaceMarker(HasPlaceMarker(text))
-    { }
-
-    QString For(const QFileInfo &entry) const
-    {
-        return hasPlaceMarker ? text.arg(entry.completeBaseName()) : text;
-    }
-
-private:
-    const QString text;
-    const bool hasPlaceMarker;
-};
-
-// What exists at the destination of item, which makes it a conflict: its
-// destination path or, for a file, the name the copier writes, its extension
-// lower-cased; a null string for none, also for an item that has vanished.
-QString ExistingDestinationOf(const QFileInfo &item, const SourcePattern &pattern,
-                              const DestinationPrefix &prefix)
-{
-    // Asked first: the one look it takes at the item answers exists() too.
-    const bool isFile = item.isFile();
-    if (!isFile && !item.exists())
-        return QString();
-    const QString destination = pattern.replaced(item.absoluteFilePath(), prefix.For(item));
-    if (destination.isNull() || QFileInfo::exists(destination))
-        return destination;
-    if (!isFile)
-        return QString();
-    const QString written = TFileSystemHelper::FileCopyLowerCaseDestFilename(destination);
-    return written != destination && QFileInfo::exists(written) ? written : QString();
-}
 
 // A QFileInfo of the same path that shares no cached state with info, for
 // signals whose receivers may use it in another thread.
@@ -270,8 +215,8 @@ QString TFileCopyTask::DestinationPath(const QFileInfo &entry, const QString &sr
 QString TFileCopyTask::ExistingDestination(const QFileInfo &workItem, const QString &srcPrefix,
                                            const QString &destPrefix)
 {
-    return ExistingDestinationOf(Detached(workItem), SourcePattern::forPrefix(srcPrefix),
-                                 DestinationPrefix(destPrefix));
+    return DestinationPrefix(destPrefix)
+            .existingDestination(Detached(workItem), SourcePattern::forPrefix(srcPrefix));
 }
 
 void TFileCopyTask::Stop()
@@ -350,7 +295,7 @@ void TFileCopyTask::Run()
         const QFileInfo item = Detached(d->pending.constLast());
         bool skip = false;
         if (ConflictMatters(d->fileExistsAction)
-            && !ExistingDestinationOf(item, d->srcPattern, prefix).isNull()) {
+            && !prefix.existingDestination(item, d->srcPattern).isNull()) {
             switch (d->fileExistsAction) {
             case Ask:
                 d->state = StateFileExists;
