@@ -24,6 +24,8 @@ public:
     // prefix, a case-sensitive regular expression.
     static SourcePattern forPrefix(const QString &srcPrefix);
 
+    const QRegExp &regExp() const { return m_pattern; }
+
     // The length of the match at the start of path, or -1 without one.
     int matchedLength(const QString &path) const;
 

@@ -93,10 +93,6 @@ public:
         return std::min(99, qRound(double(bytesDone) / double(bytesTotal) * 100.0));
     }
 
-    // Copies entry to destPrefix put in place of pattern's match, by the
-    // rules of the task's CopyFile(); a failure leaves its cause in errno.
-    bool CopyEntry(const QFileInfo &entry, const SourcePattern &pattern, const QString &destPrefix);
-
     TFileCopyNotifier *const notifier; // a child of the task
     // The copier's reports go to OnBytesWritten() as FileCopyWithProgress()
     // would send them, in this thread, without looking the slot up by name
@@ -126,32 +122,6 @@ public:
     FileCopier::DestinationDirectory destinationDirectory;
     std::atomic<bool> stopRequested { false };
 };
-
-bool TFileCopyTaskPrivate::CopyEntry(const QFileInfo &fileInfo, const SourcePattern &pattern,
-                                     const QString &destPrefix)
-{
-    if (const int readError = collector.readError(fileInfo)) {
-        errno = readError;
-        return false;
-    }
-    const QString source = fileInfo.absoluteFilePath();
-    const QString destination = pattern.replaced(source, destPrefix);
-    // Left unchanged, the path of an entry that the prefix does not match
-    // would name the source itself.
-    if (destination.isNull()) {
-        errno = EINVAL;
-        return false;
-    }
-    if (fileInfo.isDir()) {
-        // A directory is an entry when its listing gave nothing to copy. The
-        // result of mkpath() is not looked at, by the task's rules.
-        QDir().mkpath(destination);
-        return true;
-    }
-    return FileCopier::copy(QFile::encodeName(source), QFile::encodeName(destination), reportBytes,
-                            true, FileCopier::MissingDirectory::Create, flushPool,
-                            &destinationDirectory);
-}
 
 TFileCopyTask::TFileCopyTask(EFileExistsAction action)
     : QObject(nullptr), d(std::make_unique<TFileCopyTaskPrivate>(
@@ -316,7 +286,7 @@ void TFileCopyTask::Run()
                 if (skip) {
                     ++d->filesSkipped;
                     d->bytesDone += entry.size();
-                } else if (d->CopyEntry(entry, d->srcPattern, prefix.For(entry))) {
+                } else if (CopyFile(entry, d->srcPattern.regExp(), prefix.For(entry))) {
                     ++d->filesCopied;
                     // A QFileInfo of its own costs more than the rest of a
                     // small file's copy: made only when someone listens.
@@ -366,5 +336,29 @@ bool TFileCopyTask::OnBytesWritten(qint64 bytes)
 
 bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const QString &destPrefix)
 {
-    return d->CopyEntry(fileInfo, SourcePattern(pattern), destPrefix);
+    // A failure leaves its cause in errno.
+    if (const int readError = d->collector.readError(fileInfo)) {
+        errno = readError;
+        return false;
+    }
+    const QString source = fileInfo.absoluteFilePath();
+    // Run() passes the batch's own pattern, which is prepared already.
+    const QString destination = pattern == d->srcPattern.regExp()
+            ? d->srcPattern.replaced(source, destPrefix)
+            : SourcePattern(pattern).replaced(source, destPrefix);
+    // Left unchanged, the path of an entry that the prefix does not match
+    // would name the source itself.
+    if (destination.isNull()) {
+        errno = EINVAL;
+        return false;
+    }
+    if (fileInfo.isDir()) {
+        // A directory is an entry when its listing gave nothing to copy. The
+        // result of mkpath() is not looked at, by the task's rules.
+        QDir().mkpath(destination);
+        return true;
+    }
+    return FileCopier::copy(QFile::encodeName(source), QFile::encodeName(destination),
+                            d->reportBytes, true, FileCopier::MissingDirectory::Create,
+                            d->flushPool, &d->destinationDirectory);
 }
