@@ -1,5 +1,6 @@
 #include "DestinationPrefix_p.h"
 
+#include "EntryCollector_p.h"
 #include "SourcePattern_p.h"
 
 #include <Trellis/TFileSystemHelper.h>
@@ -34,7 +35,7 @@ QString DestinationPrefix::existingDestination(const QFileInfo &item,
     const bool isFile = item.isFile();
     if (!isFile && !item.exists())
         return QString();
-    const QString destination = pattern.replaced(item.absoluteFilePath(), For(item));
+    const QString destination = pattern.replaced(EntryCollector::absolutePath(item), For(item));
     if (destination.isNull() || QFileInfo::exists(destination))
         return destination;
     if (!isFile)

@@ -2,7 +2,6 @@
 
 #include "filesystem/Directory_p.h"
 
-#include <QDir>
 #include <QFile>
 
 #include <algorithm>
@@ -74,7 +73,8 @@ public:
     // The names in directory that a listing admits, in name order ignoring
     // case; the others are left out, and told in that order too.
     std::vector<QByteArray> AdmittedNames(const std::vector<DirectoryEntry> &entries,
-                                          const Directory &directory, const QDir &parent) const
+                                          const Directory &directory,
+                                          const QString &pathPrefix) const
     {
         std::vector<QByteArray> names;
         std::vector<QByteArray> leftOutNames;
@@ -88,7 +88,7 @@ public:
         sortIgnoringCase(names);
         sortIgnoringCase(leftOutNames);
         for (const QByteArray &name : leftOutNames)
-            LeaveOut(QFileInfo(parent, QFile::decodeName(name)),
+            LeaveOut(QFileInfo(pathPrefix + QFile::decodeName(name)),
                      isHiddenName(name) ? TFileCopyNotifier::HiddenName
                                         : ReasonFor(directory, name));
         return names;
@@ -148,7 +148,8 @@ void EntryCollector::collectInto(const QFileInfo &info, QList<QFileInfo> &out, i
         return;
     }
 
-    const Directory directory = Directory::open(QFile::encodeName(info.absoluteFilePath()));
+    const QString path = absolutePath(info);
+    const Directory directory = Directory::open(QFile::encodeName(path));
     if (!directory.isOpen()) {
         if (errno != ENOENT && errno != ENOTDIR) // not gone meanwhile
             markUnreadable(info, errno, out);
@@ -168,12 +169,12 @@ void EntryCollector::collectInto(const QFileInfo &info, QList<QFileInfo> &out, i
     // A negative depth never reaches 0; it is kept as it is rather than
     // counted down towards an overflow.
     const int childDepth = depth > 0 ? depth - 1 : depth;
-    const QDir parent(info.absoluteFilePath());
+    const QString pathPrefix = path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
     const int collectedBefore = out.size();
     descent.Enter(id);
-    for (const QByteArray &name : descent.AdmittedNames(entries, directory, parent)) {
+    for (const QByteArray &name : descent.AdmittedNames(entries, directory, pathPrefix)) {
         const QString decoded = QFile::decodeName(name);
-        const QFileInfo child(parent, decoded);
+        const QFileInfo child(pathPrefix + decoded);
         if (QFile::encodeName(decoded) != name)
             markUnreadable(child, EILSEQ, out);
         else
@@ -188,6 +189,20 @@ void EntryCollector::collectInto(const QFileInfo &info, QList<QFileInfo> &out, i
 
 void EntryCollector::markUnreadable(const QFileInfo &entry, int error, QList<QFileInfo> &out)
 {
-    m_unreadable.insert(entry.absoluteFilePath(), error != 0 ? error : EIO);
+    m_unreadable.insert(absolutePath(entry), error != 0 ? error : EIO);
     out.append(entry);
+}
+
+QString EntryCollector::absolutePath(const QFileInfo &entry)
+{
+    const QString path = entry.filePath();
+    const QLatin1Char slash('/');
+    // No "." or ".." component, no empty one, no slash at the end.
+    const auto unclean = [slash](QChar c, QChar next) {
+        return c == slash && (next == slash || next == QLatin1Char('.'));
+    };
+    const bool clean = path.startsWith(slash)
+            && std::adjacent_find(path.cbegin(), path.cend(), unclean) == path.cend()
+            && (path.size() == 1 || !path.endsWith(slash));
+    return clean ? path : entry.absoluteFilePath();
 }

@@ -40,8 +40,13 @@ public:
     // Why entry could not be read completely (an errno value), or 0.
     int readError(const QFileInfo &entry) const
     {
-        return m_unreadable.isEmpty() ? 0 : m_unreadable.value(entry.absoluteFilePath());
+        return m_unreadable.isEmpty() ? 0 : m_unreadable.value(absolutePath(entry));
     }
+
+    // QFileInfo::absoluteFilePath() of entry, without its cost (a copy
+    // task's largest per file) when the path is absolute and clean already,
+    // as the path of every entry below a collected directory is.
+    static QString absolutePath(const QFileInfo &entry);
 
     // Forgets the unreadable entries: a new batch looks at everything anew.
     void clear() { m_unreadable.clear(); }

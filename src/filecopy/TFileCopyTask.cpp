@@ -65,7 +65,7 @@ public:
             QList<QFileInfo> items;
             collector.collect(source, items, depth, &reportLeftOut);
             for (const QFileInfo &item : std::as_const(items)) {
-                if (srcPattern.matchedLength(item.absoluteFilePath()) < 0)
+                if (srcPattern.matchedLength(EntryCollector::absolutePath(item)) < 0)
                     continue;
                 pending.append(item);
                 // The item was looked at moments ago; only a directory's
@@ -178,7 +178,7 @@ QList<QFileInfo> TFileCopyTask::Entries(const QFileInfo &workItem, const LeftOut
 QString TFileCopyTask::DestinationPath(const QFileInfo &entry, const QString &srcPrefix,
                                        const QString &destPrefix)
 {
-    return SourcePattern::forPrefix(srcPrefix).replaced(entry.absoluteFilePath(),
+    return SourcePattern::forPrefix(srcPrefix).replaced(EntryCollector::absolutePath(entry),
                                                         DestinationPrefix(destPrefix).For(entry));
 }
 
@@ -341,7 +341,7 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
         errno = readError;
         return false;
     }
-    const QString source = fileInfo.absoluteFilePath();
+    const QString source = EntryCollector::absolutePath(fileInfo);
     // Run() passes the batch's own pattern, which is prepared already.
     const QString destination = pattern == d->srcPattern.regExp()
             ? d->srcPattern.replaced(source, destPrefix)

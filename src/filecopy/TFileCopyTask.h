@@ -68,6 +68,11 @@ class TFileCopyTaskPrivate;
     written as \c Photo.jpg; a destination that exists under either name is
     a conflict.
 
+    Files that follow each other into one destination directory are written
+    through one descriptor of it, which the pass opens for the first of
+    them: a directory renamed meanwhile takes the rest of them along, and
+    one removed meanwhile is made again by its path for the next file.
+
     \section1 Which entries are copied
 
     A directory is listed with its files and subdirectories, in name order
