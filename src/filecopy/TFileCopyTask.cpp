@@ -288,8 +288,8 @@ void TFileCopyTask::Run()
                     d->bytesDone += entry.size();
                 } else if (CopyFile(entry, d->srcPattern.regExp(), prefix.For(entry))) {
                     ++d->filesCopied;
-                    // A QFileInfo of its own costs more than the rest of a
-                    // small file's copy: made only when someone listens.
+                    // The entry's own QFileInfo, an allocation and a copy
+                    // of its path, is made only for a receiver.
                     if (isSignalConnected(fileCopiedSignal))
                         emit FileCopied(Detached(entry));
                 } else {
