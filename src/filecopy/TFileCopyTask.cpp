@@ -46,13 +46,18 @@ class TFileCopyTaskPrivate
 public:
     TFileCopyTaskPrivate(TFileCopyTask::EFileExistsAction action, TFileCopyNotifier *notifier,
                          FileCopier::Report reportBytes)
-        : notifier(notifier), reportBytes(std::move(reportBytes)),
-          reportLeftOut(
-                  [notifier](const QFileInfo &entry, TFileCopyNotifier::LeftOutReason reason) {
-                      emit notifier->EntryLeftOut(Detached(entry), reason);
-                  }),
+        : notifier(notifier), reportLeftOut([notifier](const QFileInfo &entry,
+                                                       TFileCopyNotifier::LeftOutReason reason) {
+              emit notifier->EntryLeftOut(Detached(entry), reason);
+          }),
           fileExistsAction(action)
-    { }
+    {
+        copyOptions.report = std::move(reportBytes);
+        copyOptions.stampFileTime = true;
+        // A source gone before its copy is passed over, its destination
+        // untouched, as a work item that has vanished.
+        copyOptions.keepDestinationWithoutSource = true;
+    }
 
     QString EffectivePrefix() const { return altDestPrefix.isEmpty() ? destPrefix : altDestPrefix; }
 
@@ -94,10 +99,6 @@ public:
     }
 
     TFileCopyNotifier *const notifier; // a child of the task
-    // The copier's reports go to OnBytesWritten() as FileCopyWithProgress()
-    // would send them, in this thread, without looking the slot up by name
-    // for every report.
-    const FileCopier::Report reportBytes;
     const TFileCopyTask::LeftOutReceiver reportLeftOut;
 
     // A std::mutex rather than a QMutex: the same lock, but one whose
@@ -116,7 +117,11 @@ public:
     QString altDestPrefix;
     SourcePattern srcPattern { QRegExp() };
     EntryCollector collector;
-    FlushPool *flushPool = nullptr; // the running pass's
+    // How CopyFile() copies. The reports go to OnBytesWritten() as
+    // FileCopyWithProgress() would send them, in this thread, without
+    // looking the slot up by name for every report; the last flush of each
+    // file goes to the running pass's flush pool.
+    FileCopier::Options copyOptions;
     // The running pass's; forgotten at its end, so that no pass finds a
     // directory by an earlier pass's look.
     FileCopier::DestinationDirectory destinationDirectory;
@@ -249,7 +254,7 @@ void TFileCopyTask::Run()
     // The last flush of each file is left to threads of the pass's own, so
     // that copying goes on meanwhile; the pass ends when all are done.
     FlushPool flushPool;
-    d->flushPool = &flushPool;
+    d->copyOptions.flushPool = &flushPool;
     static const QMetaMethod fileCopiedSignal = QMetaMethod::fromSignal(&TFileCopyTask::FileCopied);
 
     if (d->state == StatePreparing)
@@ -262,10 +267,15 @@ void TFileCopyTask::Run()
     bool stopped = false;
     while (d->state == StateCopying) {
         const DestinationPrefix prefix(d->EffectivePrefix());
-        const QFileInfo item = Detached(d->pending.constLast());
+        const bool conflictMatters = ConflictMatters(d->fileExistsAction);
+        // A file that only has to be copied is copied as the batch measured
+        // it: the copy finds out for itself whether it is still there. Any
+        // other item is looked at anew.
+        const QFileInfo &measured = d->pending.constLast();
+        const bool copyAsMeasured = !conflictMatters && measured.isFile();
+        const QFileInfo item = copyAsMeasured ? measured : Detached(measured);
         bool skip = false;
-        if (ConflictMatters(d->fileExistsAction)
-            && !prefix.existingDestination(item, d->srcPattern).isNull()) {
+        if (conflictMatters && !prefix.existingDestination(item, d->srcPattern).isNull()) {
             switch (d->fileExistsAction) {
             case Ask:
                 d->state = StateFileExists;
@@ -281,7 +291,11 @@ void TFileCopyTask::Run()
 
         if (d->state == StateCopying) {
             QList<QFileInfo> entries;
-            d->collector.collect(item, entries, WorkItemDepth, skip ? nullptr : &d->reportLeftOut);
+            if (copyAsMeasured)
+                entries.append(item);
+            else
+                d->collector.collect(item, entries, WorkItemDepth,
+                                     skip ? nullptr : &d->reportLeftOut);
             for (const QFileInfo &entry : std::as_const(entries)) {
                 if (skip) {
                     ++d->filesSkipped;
@@ -292,6 +306,10 @@ void TFileCopyTask::Run()
                     // of its path, is made only for a receiver.
                     if (isSignalConnected(fileCopiedSignal))
                         emit FileCopied(Detached(entry));
+                } else if (errno == ENOENT
+                           && !QFileInfo::exists(EntryCollector::absolutePath(entry))) {
+                    // Gone before its copy, which left its destination alone:
+                    // passed over as a vanished work item is.
                 } else {
                     const int error = errno;
                     d->state = StateCopyFailed;
@@ -316,7 +334,7 @@ void TFileCopyTask::Run()
 
     // Every file that the pass copied is on the disk before it reports.
     flushPool.waitForAll();
-    d->flushPool = nullptr;
+    d->copyOptions.flushPool = nullptr;
     d->destinationDirectory.forget();
     if (d->pending.isEmpty() && !stopped)
         emit Progress(100, d->filesCopied, d->filesSkipped);
@@ -359,6 +377,6 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
         return true;
     }
     return FileCopier::copy(QFile::encodeName(source), QFile::encodeName(destination),
-                            d->reportBytes, true, FileCopier::MissingDirectory::Create,
-                            d->flushPool, &d->destinationDirectory);
+                            d->copyOptions, FileCopier::MissingDirectory::Create,
+                            &d->destinationDirectory);
 }

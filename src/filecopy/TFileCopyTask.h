@@ -89,6 +89,10 @@ class TFileCopyTaskPrivate;
     ends, whatever the depth, also with a negative depth, and the entries do
     not depend on the depth at which the batch is split.
 
+    A work item or an entry that is gone when its turn comes is passed over
+    without a count or a signal, and whatever exists at its destination is
+    left as it is.
+
     Entries are named by text (QFileInfo), so an entry whose name the
     locale's encoding cannot represent cannot be copied: it fails to copy
     where it is met, as does a directory that cannot be listed, rather than

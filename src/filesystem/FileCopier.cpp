@@ -88,6 +88,79 @@ mode_t copyMode(int sourceDir, const QByteArray &sourceName, mode_t sourceMode)
     return mode;
 }
 
+// A source opened for a copy, or why it could not be opened.
+struct Source
+{
+    Source(int dir, const QByteArray &name)
+        : dir(dir), name(name), file(openReadableFile(dir, name.constData(), status)),
+          error(file.isOpen() ? 0 : errno)
+    { }
+
+    // Whether a copy must end before it touches the destination, with the
+    // cause in errno: the source could not be opened, and the destination
+    // is to be left as it is.
+    bool endsCopy(const FileCopier::Options &options) const
+    {
+        if (file.isOpen() || !options.keepDestinationWithoutSource)
+            return false;
+        errno = error;
+        return true;
+    }
+
+    const int dir;
+    const QByteArray &name;
+    struct stat status;
+    FileDescriptor file;
+    const int error;
+};
+
+// Copies the open source to destName in destDir.
+bool copyFrom(Source &source, int destDir, const QByteArray &destName,
+              const FileCopier::Options &options)
+{
+    if (source.endsCopy(options))
+        return false;
+    const bool sourceOpen = source.file.isOpen();
+    const QByteArray actualDestName = FileCopier::lowerCaseExtension(destName);
+    const bool renamed = actualDestName != destName;
+    const struct stat *sourceFile = sourceOpen ? &source.status : nullptr;
+    const Occupant atDest = occupant(destDir, destName, sourceFile);
+    const Occupant atActualDest = renamed ? occupant(destDir, actualDestName, sourceFile) : atDest;
+    if (atDest == Occupant::Source || atActualDest == Occupant::Source) {
+        errno = EINVAL;
+        return false;
+    }
+
+    const bool destFileRemoved = atDest == Occupant::Nothing || removeName(destDir, destName);
+    const bool actualDestRemoved = renamed
+            ? atActualDest == Occupant::Nothing || removeName(destDir, actualDestName)
+            : destFileRemoved;
+    if (!actualDestRemoved)
+        return false;
+    if (!sourceOpen) {
+        errno = source.error;
+        return false;
+    }
+
+    FileDescriptor destination(createDestination(destDir, actualDestName));
+    if (!destination.isOpen())
+        return false;
+
+    if (!DataCopy(source.file.get(), source.status, destination.get(), options.report,
+                  !options.flushPool)
+                 .run())
+        return false;
+
+    // Permissions and stamp go to the file this call created, through its
+    // descriptor; every byte is written, so nothing changes the stamp later.
+    ::fchmod(destination.get(), copyMode(source.dir, source.name, source.status.st_mode));
+    if (options.stampFileTime)
+        stampWithOffsetClock(destination.get());
+    if (options.flushPool)
+        options.flushPool->flushAndClose(destination.release());
+    return true;
+}
+
 } // namespace
 
 QByteArray FileCopier::lowerCaseExtension(const QByteArray &name)
@@ -107,52 +180,12 @@ QByteArray FileCopier::lowerCaseExtension(const QByteArray &name)
 }
 
 bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
-                      const QByteArray &destName, const Report &report, bool stampFileTime,
-                      FlushPool *flushPool)
+                      const QByteArray &destName, const Options &options)
 {
-    const QByteArray actualDestName = lowerCaseExtension(destName);
-    const bool renamed = actualDestName != destName;
-
     // The source is opened before anything is removed, so that a destination
     // reaching the same file can be recognised by device and inode.
-    struct stat sourceStatus;
-    FileDescriptor source(openReadableFile(sourceDir, sourceName.constData(), sourceStatus));
-    const bool sourceOpen = source.isOpen();
-    const int sourceError = errno; // the removals that come first must not hide it
-    const struct stat *sourceFile = sourceOpen ? &sourceStatus : nullptr;
-    const Occupant atDest = occupant(destDir, destName, sourceFile);
-    const Occupant atActualDest = renamed ? occupant(destDir, actualDestName, sourceFile) : atDest;
-    if (atDest == Occupant::Source || atActualDest == Occupant::Source) {
-        errno = EINVAL;
-        return false;
-    }
-
-    const bool destFileRemoved = atDest == Occupant::Nothing || removeName(destDir, destName);
-    const bool actualDestRemoved = renamed
-            ? atActualDest == Occupant::Nothing || removeName(destDir, actualDestName)
-            : destFileRemoved;
-    if (!actualDestRemoved)
-        return false;
-    if (!sourceOpen) {
-        errno = sourceError;
-        return false;
-    }
-
-    FileDescriptor destination(createDestination(destDir, actualDestName));
-    if (!destination.isOpen())
-        return false;
-
-    if (!DataCopy(source.get(), sourceStatus, destination.get(), report, !flushPool).run())
-        return false;
-
-    // Permissions and stamp go to the file this call created, through its
-    // descriptor; every byte is written, so nothing changes the stamp later.
-    ::fchmod(destination.get(), copyMode(sourceDir, sourceName, sourceStatus.st_mode));
-    if (stampFileTime)
-        stampWithOffsetClock(destination.get());
-    if (flushPool)
-        flushPool->flushAndClose(destination.release());
-    return true;
+    Source source(sourceDir, sourceName);
+    return copyFrom(source, destDir, destName, options);
 }
 
 int FileCopier::DestinationDirectory::open(const QByteArray &path, MissingDirectory missing)
@@ -176,8 +209,8 @@ int FileCopier::DestinationDirectory::open(const QByteArray &path, MissingDirect
 }
 
 bool FileCopier::copy(const QByteArray &sourcePath, const QByteArray &destPath,
-                      const Report &report, bool stampFileTime, MissingDirectory missing,
-                      FlushPool *flushPool, DestinationDirectory *directory)
+                      const Options &options, MissingDirectory missing,
+                      DestinationDirectory *directory)
 {
     const int slash = destPath.lastIndexOf('/');
     const QByteArray destDirPath = slash < 0 ? QByteArray(".")
@@ -187,18 +220,22 @@ bool FileCopier::copy(const QByteArray &sourcePath, const QByteArray &destPath,
     DestinationDirectory ownDirectory;
     DestinationDirectory &destDir = directory ? *directory : ownDirectory;
     const bool keptOpen = destDir.holds(destDirPath);
-    const auto copyInto = [&](int destDirFd) {
-        return destDirFd >= 0
-                && copy(AT_FDCWD, sourcePath, destDirFd, destName, report, stampFileTime,
-                        flushPool);
+    const auto copyOnce = [&] {
+        // Before the destination's directory is made, where a source that
+        // cannot be opened must leave the destination as it is.
+        Source source(AT_FDCWD, sourcePath);
+        if (source.endsCopy(options))
+            return false;
+        const int destDirFd = destDir.open(destDirPath, missing);
+        return destDirFd >= 0 && copyFrom(source, destDirFd, destName, options);
     };
-    if (copyInto(destDir.open(destDirPath, missing)))
+    if (copyOnce())
         return true;
     // Nothing can be created in a directory that was removed.
     if (!keptOpen || errno != ENOENT)
         return false;
     destDir.forget();
-    return copyInto(destDir.open(destDirPath, missing));
+    return copyOnce();
 }
 
 FileCopier::Report FileCopier::reportTo(QObject *receiver, const char *member)

@@ -25,17 +25,27 @@ namespace FileCopier {
 // Called with the bytes copied since the last call; false stops the copy.
 using Report = DataCopy::Report;
 
+// How a copy goes about it, beside the files it copies.
+struct Options
+{
+    Report report; // the progress receiver; none when empty
+    bool stampFileTime = false;
+    // With a flush pool, the last flush is handed to the pool, after the
+    // copy got its permissions and stamp, and the copy is durable only once
+    // the pool has flushed it; without one it is durable when the call
+    // returns.
+    FlushPool *flushPool = nullptr;
+    // Whether a source that cannot be opened leaves the destination as it
+    // is, rather than removed first as FileCopyWithProgress() removes it.
+    bool keepDestinationWithoutSource = false;
+};
+
 // Copies sourceName in sourceDir to destName in destDir, under
 // lowerCaseExtension(destName), by the rules TFileSystemHelper.h gives for
-// FileCopyWithProgress(), with report (when set) as the progress receiver.
-// The copy is created new (O_EXCL, O_NOFOLLOW), so nothing that appears at
-// its name meanwhile is ever written through.
-//
-// With a flush pool, the last flush is handed to the pool, after the copy
-// got its permissions and stamp, and the copy is durable only once the pool
-// has flushed it; without one it is durable when the call returns.
+// FileCopyWithProgress(). The copy is created new (O_EXCL, O_NOFOLLOW), so
+// nothing that appears at its name meanwhile is ever written through.
 bool copy(int sourceDir, const QByteArray &sourceName, int destDir, const QByteArray &destName,
-          const Report &report, bool stampFileTime, FlushPool *flushPool = nullptr);
+          const Options &options);
 
 enum class MissingDirectory { Fail, Create };
 
@@ -67,9 +77,9 @@ private:
 // directory is opened, by directory when one is given, and the copy made
 // relative to it. A directory kept open that has been removed meanwhile
 // is looked up by its path again, as a copy by path would find it.
-bool copy(const QByteArray &sourcePath, const QByteArray &destPath, const Report &report,
-          bool stampFileTime, MissingDirectory missing = MissingDirectory::Fail,
-          FlushPool *flushPool = nullptr, DestinationDirectory *directory = nullptr);
+bool copy(const QByteArray &sourcePath, const QByteArray &destPath, const Options &options,
+          MissingDirectory missing = MissingDirectory::Fail,
+          DestinationDirectory *directory = nullptr);
 
 // A report that calls the slot member of receiver by name, as
 // FileCopyWithProgress() does; empty when either is null.

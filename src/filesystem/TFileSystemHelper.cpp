@@ -139,8 +139,11 @@ bool TFileSystemHelper::FileCopyWithProgress(const QString &srcFile, const QStri
                                              QObject *receiver, const char *member,
                                              bool stampFileTime, int *error)
 {
-    const bool copied = FileCopier::copy(QFile::encodeName(srcFile), QFile::encodeName(destFile),
-                                         FileCopier::reportTo(receiver, member), stampFileTime);
+    FileCopier::Options options;
+    options.report = FileCopier::reportTo(receiver, member);
+    options.stampFileTime = stampFileTime;
+    const bool copied
+            = FileCopier::copy(QFile::encodeName(srcFile), QFile::encodeName(destFile), options);
     if (error)
         *error = copied ? 0 : errno;
     return copied;

@@ -187,10 +187,11 @@ private:
         if (!source || !destination) {
             ok = false;
         } else if (frame.ok) {
+            FileCopier::Options options;
+            options.stampFileTime = true;
+            options.flushPool = &m_flushPool;
             for (const QByteArray &file : frame.listing.files)
-                ok = FileCopier::copy(source->fd(), file, destination->fd(), file, {}, true,
-                                      &m_flushPool)
-                        && ok;
+                ok = FileCopier::copy(source->fd(), file, destination->fd(), file, options) && ok;
         }
         if (destination)
             stampWithOffsetClock(destination->fd());

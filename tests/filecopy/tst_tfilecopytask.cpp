@@ -68,7 +68,7 @@ private slots:
 //   StopAtReport:n  the receiver of the n-th Progress() from now calls Stop().
 //   Remove:path  deletes a file.
 //   RemoveAtCopied:path  the receiver of the next FileCopied() deletes the
-//       directory at path with its contents.
+//       file, or the directory with its contents, at path.
 //   Fifo:path  makes a named pipe.
 // "@" stands for the temporary directory.
 //
@@ -163,6 +163,16 @@ void tst_TFileCopyTask::batches_data()
            "src/d/a.txt=a src/d/b.txt=b", "RemoveAtCopied:@/dst/d+Copy:1:d",
            "..., F d/b.txt, P 99 1 0, F d/a.txt, P 100 2 0, S 4 -", "dst/d=/a.txt dst/d/a.txt=a");
 
+    // A source gone before its copy is passed over without a count or a
+    // signal, and its old copy stays: a work item, and an entry of one.
+    AddRow("a file item gone before its turn", "src/a.txt=a src/b.txt=b src/c.txt=c dst/b.txt=old",
+           "SetFileExistAction:2+RemoveAtCopied:@/src/b.txt+Copy:0:a.txt b.txt c.txt",
+           "P 0 0 0, P 33 0 0, F c.txt, P 67 1 0, F a.txt, P 100 2 0, S 4 -",
+           "dst=/a.txt,b.txt,c.txt dst/b.txt=old");
+    AddRow("an entry gone before its turn", "src/d/a.txt=a src/d/b.txt=b dst/d/b.txt=old",
+           "SetFileExistAction:2+RemoveAtCopied:@/src/d/b.txt+Copy:0:d",
+           "P 0 0 0, P 50 0 0, F d/a.txt, P 100 1 0, S 4 -", "dst/d=/a.txt,b.txt dst/d/b.txt=old");
+
     const QByteArray nothing = "P 100 0 0, P 100 0 0, S 4 -";
     AddRow("Continue on a new task", "src/a.txt=a", "ContinueOverwrite", nothing, "dst=-");
     for (const char *copy : { "Copy:0:", "Copy:0:missing.txt", "Copy:0:a.txt:@/elsewhere" })
@@ -240,8 +250,10 @@ void tst_TFileCopyTask::batches()
     QObject::connect(&task, &TFileCopyTask::FileCopied, [&](const QFileInfo &file) {
         record(QStringLiteral("F ") + relative(file));
         const std::lock_guard<std::mutex> locker(receivedMutex);
-        if (!removeAtCopied.isEmpty())
-            QVERIFY(QDir(std::exchange(removeAtCopied, QString())).removeRecursively());
+        if (removeAtCopied.isEmpty())
+            return;
+        const QString path = std::exchange(removeAtCopied, QString());
+        QVERIFY(QFileInfo(path).isDir() ? QDir(path).removeRecursively() : QFile::remove(path));
     });
     QObject::connect(task.Notifier(), &TFileCopyNotifier::EntryFailed,
                      [&](const QFileInfo &file, int error) {
