@@ -2,8 +2,8 @@
 
 #include "ChunkBatch_p.h"
 #include "FileDescriptor_p.h"
+#include "Md5Digest_p.h"
 
-#include <QCryptographicHash>
 #include <QFile>
 
 #include <memory>
@@ -20,7 +20,7 @@ constexpr int HashReadSize = 128 * 1024;
 
 QByteArray TFileHash::CalculateFileMD5(QString fileName)
 {
-    QCryptographicHash hash(QCryptographicHash::Md5);
+    Md5Digest digest;
     // Only what has an end is read, and nothing can block the call.
     struct stat status;
     const FileDescriptor file(
@@ -33,7 +33,7 @@ QByteArray TFileHash::CalculateFileMD5(QString fileName)
         bool atEnd = false;
         qint64 count;
         while (!atEnd && (count = readChunk(file.get(), buffer.get(), HashReadSize, atEnd)) > 0)
-            hash.addData(QByteArray::fromRawData(buffer.get(), int(count)));
+            digest.addData(buffer.get(), std::size_t(count));
     }
-    return hash.result();
+    return digest.result();
 }

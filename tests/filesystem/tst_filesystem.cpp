@@ -164,12 +164,15 @@ private slots:
             QCOMPARE(TFileSystemHelper::FileCopyLowerCaseDestFilename(path), lowerCased);
     }
 
-    // The digest is md5sum's, of an empty file and of one read in many
-    // pieces. There is no error result: what cannot be read gives the digest
-    // of no data.
+    // The digest is md5sum's, of an empty file, of files that end on either
+    // side of where the padding needs a block of its own (55/56 bytes) and
+    // of a block's end, of files that end around a read's end (128 KiB), and
+    // of one read in many pieces. There is no error result: what cannot be
+    // read gives the digest of no data.
     void digest()
     {
-        for (const QString &path : names("0 1 3145851 missing .")) {
+        for (const QString &path :
+             names("0 1 55 56 63 64 65 119 120 131071 131072 131073 3145851 missing .")) {
             QByteArray expected("d41d8cd98f00b204e9800998ecf8427e");
             if (path.at(0).isDigit() && writeFile(path, randomBytes(path.toInt(), path.toUInt())))
                 QCOMPARE(run({ "md5sum"_s, path }, &expected), 0);
