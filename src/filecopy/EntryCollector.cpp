@@ -123,74 +123,104 @@ private:
     std::vector<FileId> path;
 };
 
-void EntryCollector::collect(const QFileInfo &info, QList<QFileInfo> &out, int depth,
+void EntryCollector::collect(const QFileInfo &info, Entries &out, int depth,
                              const TFileCopyTask::LeftOutReceiver *leftOut)
 {
-    Descent descent(info, leftOut);
-    collectInto(info, out, depth, descent);
-}
-
-void EntryCollector::collectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth,
-                                 Descent &descent)
-{
-    // Checked first: the path of a name that could not be represented may
-    // well name another file.
     if (readError(info) != 0) {
-        out.append(info);
+        out.push_back({ info, absolutePath(info), 0, false });
         return;
     }
-    // One look at the entry answers both questions.
+    // One look at the root answers every question.
     const bool isDir = info.isDir();
     if (!isDir && !info.exists())
         return;
-    if (!isDir || depth == 0) {
-        out.append(info);
+    collect({ info, absolutePath(info), info.size(), isDir }, out, depth, leftOut);
+}
+
+void EntryCollector::collect(const Entry &entry, Entries &out, int depth,
+                             const TFileCopyTask::LeftOutReceiver *leftOut)
+{
+    Descent descent(entry.info, leftOut);
+    collectInto(entry, out, depth, descent);
+}
+
+QList<QFileInfo> EntryCollector::infos(const Entries &entries)
+{
+    QList<QFileInfo> infos;
+    infos.reserve(int(entries.size()));
+    for (const Entry &entry : entries)
+        infos.append(entry.info);
+    return infos;
+}
+
+void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &descent)
+{
+    // Checked first: the path of a name that could not be represented may
+    // well name another file.
+    if (!m_unreadable.isEmpty() && m_unreadable.contains(entry.path)) {
+        out.push_back(std::move(entry));
+        return;
+    }
+    if (!entry.isDir || depth == 0) {
+        out.push_back(std::move(entry));
         return;
     }
 
-    const QString path = absolutePath(info);
-    const Directory directory = Directory::open(QFile::encodeName(path));
+    const Directory directory = Directory::open(QFile::encodeName(entry.path));
     if (!directory.isOpen()) {
         if (errno != ENOENT && errno != ENOTDIR) // not gone meanwhile
-            markUnreadable(info, errno, out);
+            markUnreadable(std::move(entry), errno, out);
         return;
     }
     const FileId id = IdOf(directory.status());
     if (!descent.AtRoot() && descent.Encloses(id)) {
-        descent.LeaveOut(info, TFileCopyNotifier::LinkIntoTree);
+        descent.LeaveOut(entry.info, TFileCopyNotifier::LinkIntoTree);
         return;
     }
-    std::vector<DirectoryEntry> entries;
-    if (!directory.list(entries)) {
-        markUnreadable(info, errno, out);
+    std::vector<DirectoryEntry> listing;
+    if (!directory.list(listing)) {
+        markUnreadable(std::move(entry), errno, out);
         return;
     }
+    // A directory that gives no entry stands for itself, at its size now.
+    entry.size = directory.status().st_size;
 
     // A negative depth never reaches 0; it is kept as it is rather than
     // counted down towards an overflow.
     const int childDepth = depth > 0 ? depth - 1 : depth;
+    const QString &path = entry.path;
     const QString pathPrefix = path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
-    const int collectedBefore = out.size();
+    const std::size_t collectedBefore = out.size();
     descent.Enter(id);
-    for (const QByteArray &name : descent.AdmittedNames(entries, directory, pathPrefix)) {
+    for (const QByteArray &name : descent.AdmittedNames(listing, directory, pathPrefix)) {
         const QString decoded = QFile::decodeName(name);
-        const QFileInfo child(pathPrefix + decoded);
-        if (QFile::encodeName(decoded) != name)
-            markUnreadable(child, EILSEQ, out);
-        else
-            collectInto(child, out, childDepth, descent);
+        const QString childPath = pathPrefix + decoded;
+        Entry child { QFileInfo(childPath), childPath, 0, false };
+        if (QFile::encodeName(decoded) != name) {
+            markUnreadable(std::move(child), EILSEQ, out);
+            continue;
+        }
+        // The look that measures the batch, through links as QFileInfo
+        // looks; a name gone since the listing is passed over.
+        struct stat status;
+        if (::fstatat(directory.fd(), name.constData(), &status, 0) != 0)
+            continue;
+        child.isDir = S_ISDIR(status.st_mode);
+        child.size = status.st_size;
+        collectInto(std::move(child), out, childDepth, descent);
     }
     descent.Leave();
     // A directory that gave no entry (empty, hidden entries only, or only
     // links back up) is an entry of its own, so that it is recreated.
     if (out.size() == collectedBefore)
-        out.append(info);
+        out.push_back(std::move(entry));
 }
 
-void EntryCollector::markUnreadable(const QFileInfo &entry, int error, QList<QFileInfo> &out)
+void EntryCollector::markUnreadable(Entry entry, int error, Entries &out)
 {
-    m_unreadable.insert(absolutePath(entry), error != 0 ? error : EIO);
-    out.append(entry);
+    m_unreadable.insert(entry.path, error != 0 ? error : EIO);
+    entry.size = 0;
+    out.push_back(std::move(entry));
 }
 
 QString EntryCollector::absolutePath(const QFileInfo &entry)

@@ -15,6 +15,8 @@
 #include <QList>
 #include <QString>
 
+#include <vector>
+
 // Collects the entries a copy task copies: files, and directories that hold
 // nothing to copy, depth first in name order ignoring case. A listing admits
 // what QDir::Dirs | QDir::Files would: no hidden entries, no special files,
@@ -26,16 +28,36 @@
 // that could not be listed, and a name that the locale's encoding cannot
 // represent (its path names some other file, or none). Copying it must fail
 // rather than count it as copied.
+//
+// Each entry comes with what the one look the collector took at it told:
+// its QFileInfo caches nothing, so that the collection looks at a file only
+// once, relative to the directory it lists.
 class EntryCollector
 {
 public:
+    struct Entry
+    {
+        QFileInfo info;
+        QString path; // absolute and clean: absolutePath(info)
+        qint64 size; // the file's st_size at the look; 0 when unreadable
+        bool isDir;
+    };
+    using Entries = std::vector<Entry>;
+
     // Appends to out the entries of info, splitting directories down to
     // depth levels below info (all the way when negative). Nothing for an
     // info that names nothing, unless it was collected as unreadable. What
     // info has cached about its file is taken as it stands: hand over an
     // object that has not looked at it yet, or has just done so.
-    void collect(const QFileInfo &info, QList<QFileInfo> &out, int depth,
+    void collect(const QFileInfo &info, Entries &out, int depth,
                  const TFileCopyTask::LeftOutReceiver *leftOut = nullptr);
+
+    // The same for an entry collected moments ago, without another look.
+    void collect(const Entry &entry, Entries &out, int depth,
+                 const TFileCopyTask::LeftOutReceiver *leftOut = nullptr);
+
+    // The entries' QFileInfo objects, as the task's public members give them.
+    static QList<QFileInfo> infos(const Entries &entries);
 
     // Why entry could not be read completely (an errno value), or 0.
     int readError(const QFileInfo &entry) const
@@ -53,8 +75,8 @@ public:
 
 private:
     class Descent;
-    void collectInto(const QFileInfo &info, QList<QFileInfo> &out, int depth, Descent &descent);
-    void markUnreadable(const QFileInfo &entry, int error, QList<QFileInfo> &out);
+    void collectInto(Entry entry, Entries &out, int depth, Descent &descent);
+    void markUnreadable(Entry entry, int error, Entries &out);
 
     QHash<QString, int> m_unreadable; // absolute paths, and why
 };

@@ -67,22 +67,22 @@ public:
         pending.clear();
         collector.clear();
         for (const QFileInfo &source : std::as_const(sources)) {
-            QList<QFileInfo> items;
+            EntryCollector::Entries items;
             collector.collect(source, items, depth, &reportLeftOut);
-            for (const QFileInfo &item : std::as_const(items)) {
-                if (srcPattern.matchedLength(EntryCollector::absolutePath(item)) < 0)
+            for (EntryCollector::Entry &item : items) {
+                if (srcPattern.matchedLength(item.path) < 0)
                     continue;
-                pending.append(item);
                 // The item was looked at moments ago; only a directory's
                 // size needs another look, at its contents.
-                if (!item.isDir()) {
-                    bytesTotal += item.size();
-                    continue;
+                if (!item.isDir) {
+                    bytesTotal += item.size;
+                } else {
+                    EntryCollector::Entries entries;
+                    collector.collect(item, entries, WorkItemDepth);
+                    for (const EntryCollector::Entry &entry : entries)
+                        bytesTotal += entry.size;
                 }
-                QList<QFileInfo> entries;
-                collector.collect(item, entries, WorkItemDepth);
-                for (const QFileInfo &entry : std::as_const(entries))
-                    bytesTotal += entry.size();
+                pending.push_back(std::move(item));
             }
         }
         bytesDone = 0;
@@ -111,7 +111,7 @@ public:
     qint64 bytesDone = 0;
     TFileCopyTask::EFileExistsAction fileExistsAction;
     QList<QFileInfo> sources;
-    QList<QFileInfo> pending;
+    EntryCollector::Entries pending; // the items still to copy, the next one last
     int depth = 0;
     QString destPrefix;
     QString altDestPrefix;
@@ -170,9 +170,9 @@ TFileCopyNotifier *TFileCopyTask::Notifier() const
 QList<QFileInfo> TFileCopyTask::WorkItems(const QFileInfo &source, int depth,
                                           const LeftOutReceiver &leftOut)
 {
-    QList<QFileInfo> items;
+    EntryCollector::Entries items;
     EntryCollector().collect(Detached(source), items, depth, leftOut ? &leftOut : nullptr);
-    return items;
+    return EntryCollector::infos(items);
 }
 
 QList<QFileInfo> TFileCopyTask::Entries(const QFileInfo &workItem, const LeftOutReceiver &leftOut)
@@ -259,7 +259,7 @@ void TFileCopyTask::Run()
 
     if (d->state == StatePreparing)
         d->ExpandBatch();
-    if (d->pending.isEmpty()) {
+    if (d->pending.empty()) {
         emit Progress(100, 0, 0);
         d->state = StateFinished;
     }
@@ -271,9 +271,9 @@ void TFileCopyTask::Run()
         // A file that only has to be copied is copied as the batch measured
         // it: the copy finds out for itself whether it is still there. Any
         // other item is looked at anew.
-        const QFileInfo &measured = d->pending.constLast();
-        const bool copyAsMeasured = !conflictMatters && measured.isFile();
-        const QFileInfo item = copyAsMeasured ? measured : Detached(measured);
+        const EntryCollector::Entry &measured = d->pending.back();
+        const bool copyAsMeasured = !conflictMatters && !measured.isDir;
+        const QFileInfo item = copyAsMeasured ? measured.info : QFileInfo(measured.path);
         bool skip = false;
         if (conflictMatters && !prefix.existingDestination(item, d->srcPattern).isNull()) {
             switch (d->fileExistsAction) {
@@ -290,43 +290,42 @@ void TFileCopyTask::Run()
         }
 
         if (d->state == StateCopying) {
-            QList<QFileInfo> entries;
+            EntryCollector::Entries entries;
             if (copyAsMeasured)
-                entries.append(item);
+                entries.push_back(measured);
             else
                 d->collector.collect(item, entries, WorkItemDepth,
                                      skip ? nullptr : &d->reportLeftOut);
-            for (const QFileInfo &entry : std::as_const(entries)) {
+            for (const EntryCollector::Entry &entry : entries) {
                 if (skip) {
                     ++d->filesSkipped;
-                    d->bytesDone += entry.size();
-                } else if (CopyFile(entry, d->srcPattern.regExp(), prefix.For(entry))) {
+                    d->bytesDone += entry.size;
+                } else if (CopyFile(entry.info, d->srcPattern.regExp(), prefix.For(entry.info))) {
                     ++d->filesCopied;
                     // The entry's own QFileInfo, an allocation and a copy
                     // of its path, is made only for a receiver.
                     if (isSignalConnected(fileCopiedSignal))
-                        emit FileCopied(Detached(entry));
-                } else if (errno == ENOENT
-                           && !QFileInfo::exists(EntryCollector::absolutePath(entry))) {
+                        emit FileCopied(Detached(entry.info));
+                } else if (errno == ENOENT && !QFileInfo::exists(entry.path)) {
                     // Gone before its copy, which left its destination alone:
                     // passed over as a vanished work item is.
                 } else {
                     const int error = errno;
                     d->state = StateCopyFailed;
-                    emit d->notifier->EntryFailed(Detached(entry), error);
+                    emit d->notifier->EntryFailed(Detached(entry.info), error);
                     break;
                 }
                 if (d->stopRequested)
                     break;
             }
-            d->pending.removeLast();
+            d->pending.pop_back();
             d->altDestPrefix.clear();
             if (d->fileExistsAction == Overwrite || d->fileExistsAction == Skip)
                 d->fileExistsAction = Ask;
         }
 
         stopped = d->stopRequested;
-        if (d->pending.isEmpty() || stopped) {
+        if (d->pending.empty() || stopped) {
             d->state = StateFinished;
             ::sync();
         }
@@ -336,11 +335,11 @@ void TFileCopyTask::Run()
     flushPool.waitForAll();
     d->copyOptions.flushPool = nullptr;
     d->destinationDirectory.forget();
-    if (d->pending.isEmpty() && !stopped)
+    if (d->pending.empty() && !stopped)
         emit Progress(100, d->filesCopied, d->filesSkipped);
     const int state = d->state;
     const QFileInfo currentFile
-            = d->pending.isEmpty() ? QFileInfo() : Detached(d->pending.constLast());
+            = d->pending.empty() ? QFileInfo() : Detached(d->pending.back().info);
     locker.unlock();
     emit State(state, currentFile);
 }
@@ -370,13 +369,19 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
         errno = EINVAL;
         return false;
     }
-    if (fileInfo.isDir()) {
-        // A directory is an entry when its listing gave nothing to copy. The
-        // result of mkpath() is not looked at, by the task's rules.
-        QDir().mkpath(destination);
+    if (FileCopier::copy(QFile::encodeName(source), QFile::encodeName(destination), d->copyOptions,
+                         FileCopier::MissingDirectory::Create, &d->destinationDirectory))
         return true;
+    // A directory is an entry when its listing gave nothing to copy: it is
+    // made rather than copied, its source untouched (the copy of one ends
+    // before the destination). Looked at only here, so that an entry's
+    // QFileInfo need not cache a look for a file. The result of mkpath() is
+    // not looked at, by the task's rules.
+    const int copyError = errno;
+    if (!fileInfo.isDir()) {
+        errno = copyError;
+        return false;
     }
-    return FileCopier::copy(QFile::encodeName(source), QFile::encodeName(destination),
-                            d->copyOptions, FileCopier::MissingDirectory::Create,
-                            &d->destinationDirectory);
+    QDir().mkpath(destination);
+    return true;
 }
