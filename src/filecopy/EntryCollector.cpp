@@ -50,6 +50,27 @@ LeftOutReason ReasonFor(const Directory &directory, const QByteArray &name)
     return TFileCopyNotifier::Device;
 }
 
+// Whether file names are encoded in UTF-8, which passes ASCII through
+// unchanged both ways; asked once a listing, since an application may
+// change the locale's codec.
+bool LocaleIsUtf8()
+{
+    return QFile::encodeName(QStringLiteral("\u00e9")) == "\xc3\xa9";
+}
+
+// The listed name as text; false when the text would not name it again,
+// as with bytes the locale's encoding cannot represent. An ASCII name, most
+// of them, needs neither the codec nor the way back under UTF-8.
+bool DecodeName(const QByteArray &name, bool utf8, QString &text)
+{
+    if (utf8 && std::all_of(name.cbegin(), name.cend(), [](char c) { return uchar(c) < 0x80; })) {
+        text = QString::fromLatin1(name);
+        return true;
+    }
+    text = QFile::decodeName(name);
+    return QFile::encodeName(text) == name;
+}
+
 } // namespace
 
 // One collection's walk: what it admits, where what it leaves out goes, and
@@ -192,11 +213,13 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
     const QString pathPrefix = path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
     const std::size_t collectedBefore = out.size();
     descent.Enter(id);
+    const bool utf8 = LocaleIsUtf8();
     for (const QByteArray &name : descent.AdmittedNames(listing, directory, pathPrefix)) {
-        const QString decoded = QFile::decodeName(name);
+        QString decoded;
+        const bool representable = DecodeName(name, utf8, decoded);
         const QString childPath = pathPrefix + decoded;
         Entry child { QFileInfo(childPath), childPath, 0, false };
-        if (QFile::encodeName(decoded) != name) {
+        if (!representable) {
             markUnreadable(std::move(child), EILSEQ, out);
             continue;
         }

@@ -10,7 +10,9 @@
 #include <cstring>
 #include <mutex>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using Action = TFileCopyTask::EFileExistsAction;
 
@@ -70,6 +72,8 @@ private slots:
 //   RemoveAtCopied:path  the receiver of the next FileCopied() deletes the
 //       file, or the directory with its contents, at path.
 //   Fifo:path  makes a named pipe.
+//   Undecodable:path  makes a file named by path's bytes and a byte 0xff,
+//       which UTF-8 file names cannot represent.
 // "@" stands for the temporary directory.
 //
 // events: every signal, in order, separated by ", ":
@@ -142,6 +146,11 @@ void tst_TFileCopyTask::batches_data()
            "dst/d=file");
     AddRow("a failure of the last item ends the batch, and is told", failing, "Copy:1:d b.txt",
            "P 0 0 0, P 33 0 0, F b.txt, X d/sub/x.txt ENOTDIR, P 100 1 0, S 4 -", "dst/d=file");
+    // Sorted by their bytes, the name that cannot be represented comes last.
+    AddRow("a name the locale cannot represent fails, a name beyond ASCII copies",
+           "src/d/\u00e9.txt=e", "Undecodable:@/src/d/+Copy:0:d",
+           "P 0 0 0, P *, F d/\u00e9.txt, X d/\ufffd EILSEQ, P 100 1 0, S 4 -",
+           "dst/d=/\u00e9.txt dst/d/\u00e9.txt=e");
     AddRow("stop inside a large file, resume", "src/a.txt=a src/b.txt=b src/big.bin#8388608",
            "StopAtReport:2+Copy:0:a.txt b.txt big.bin, Continue:0",
            "P 0 0 0, P * 0 0, X big.bin ECANCELED, S 4 b.txt, P *, F b.txt, P *, F a.txt, "
@@ -283,6 +292,12 @@ void tst_TFileCopyTask::batches()
         thread.MoveToThisThread(&task);
     }
 
+    // Files whose names QDir cannot name, removed before the directory.
+    QByteArrayList undecodable;
+    const auto removeUndecodable = qScopeGuard([&undecodable] {
+        for (const QByteArray &path : std::as_const(undecodable))
+            ::unlink(path.constData());
+    });
     int passes = 0;
     for (const QString &step :
          steps.replace(QLatin1Char('@'), tmp.path()).split(QStringLiteral(", "))) {
@@ -307,6 +322,13 @@ void tst_TFileCopyTask::batches()
                 removeAtCopied = word[1];
             } else if (name == "Fifo") {
                 QCOMPARE(::mkfifo(QFile::encodeName(word[1]).constData(), 0644), 0);
+            } else if (name == "Undecodable") {
+                if (QFile::encodeName(QStringLiteral("\u00e9")) != "\xc3\xa9")
+                    QSKIP("file names are not encoded in UTF-8 here");
+                const QByteArray path = QFile::encodeName(word[1]) + '\xff';
+                const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+                QVERIFY(fd >= 0 && ::close(fd) == 0);
+                undecodable << path;
             } else {
                 QVERIFY(QMetaObject::invokeMethod(
                         &task, name,
