@@ -148,20 +148,20 @@ void EntryCollector::collect(const QFileInfo &info, Entries &out, int depth,
                              const TFileCopyTask::LeftOutReceiver *leftOut)
 {
     if (readError(info) != 0) {
-        out.push_back({ info, absolutePath(info), 0, false });
+        out.push_back({ info.filePath(), absolutePath(info), 0, false });
         return;
     }
     // One look at the root answers every question.
     const bool isDir = info.isDir();
     if (!isDir && !info.exists())
         return;
-    collect({ info, absolutePath(info), info.size(), isDir }, out, depth, leftOut);
+    collect({ info.filePath(), absolutePath(info), info.size(), isDir }, out, depth, leftOut);
 }
 
 void EntryCollector::collect(const Entry &entry, Entries &out, int depth,
                              const TFileCopyTask::LeftOutReceiver *leftOut)
 {
-    Descent descent(entry.info, leftOut);
+    Descent descent(entry.info(), leftOut);
     collectInto(entry, out, depth, descent);
 }
 
@@ -170,7 +170,7 @@ QList<QFileInfo> EntryCollector::infos(const Entries &entries)
     QList<QFileInfo> infos;
     infos.reserve(int(entries.size()));
     for (const Entry &entry : entries)
-        infos.append(entry.info);
+        infos.append(entry.info());
     return infos;
 }
 
@@ -195,7 +195,7 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
     }
     const FileId id = IdOf(directory.status());
     if (!descent.AtRoot() && descent.Encloses(id)) {
-        descent.LeaveOut(entry.info, TFileCopyNotifier::LinkIntoTree);
+        descent.LeaveOut(entry.info(), TFileCopyNotifier::LinkIntoTree);
         return;
     }
     std::vector<DirectoryEntry> listing;
@@ -218,7 +218,7 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
         QString decoded;
         const bool representable = DecodeName(name, utf8, decoded);
         const QString childPath = pathPrefix + decoded;
-        Entry child { QFileInfo(childPath), childPath, 0, false };
+        Entry child { childPath, childPath, 0, false };
         if (!representable) {
             markUnreadable(std::move(child), EILSEQ, out);
             continue;

@@ -29,18 +29,22 @@
 // represent (its path names some other file, or none). Copying it must fail
 // rather than count it as copied.
 //
-// Each entry comes with what the one look the collector took at it told:
-// its QFileInfo caches nothing, so that the collection looks at a file only
-// once, relative to the directory it lists.
+// Each entry comes with what the one look the collector took at it told, so
+// that the collection looks at a file only once, relative to the directory
+// it lists.
 class EntryCollector
 {
 public:
     struct Entry
     {
-        QFileInfo info;
-        QString path; // absolute and clean: absolutePath(info)
+        QString filePath; // as given for a root, absolute below it
+        QString path; // absolute and clean: absolutePath() of filePath
         qint64 size; // the file's st_size at the look; 0 when unreadable
         bool isDir;
+
+        // Made when asked for: a collection holds many entries, and a
+        // QFileInfo is several times the size of the rest.
+        QFileInfo info() const { return QFileInfo(filePath); }
     };
     using Entries = std::vector<Entry>;
 

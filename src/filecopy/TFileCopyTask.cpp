@@ -8,7 +8,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QMetaMethod>
 #include <QMetaType>
 
 #include <algorithm>
@@ -44,15 +43,16 @@ bool ConflictMatters(TFileCopyTask::EFileExistsAction action)
 class TFileCopyTaskPrivate
 {
 public:
-    TFileCopyTaskPrivate(TFileCopyTask::EFileExistsAction action, TFileCopyNotifier *notifier,
-                         FileCopier::Report reportBytes)
-        : notifier(notifier), reportLeftOut([notifier](const QFileInfo &entry,
-                                                       TFileCopyNotifier::LeftOutReason reason) {
-              emit notifier->EntryLeftOut(Detached(entry), reason);
-          }),
+    TFileCopyTaskPrivate(TFileCopyTask *q, TFileCopyNotifier *notifier,
+                         TFileCopyTask::EFileExistsAction action)
+        : q(q), notifier(notifier),
+          reportLeftOut(
+                  [notifier](const QFileInfo &entry, TFileCopyNotifier::LeftOutReason reason) {
+                      emit notifier->EntryLeftOut(Detached(entry), reason);
+                  }),
           fileExistsAction(action)
     {
-        copyOptions.report = std::move(reportBytes);
+        copyOptions.report = [q](qint64 bytes) { return q->OnBytesWritten(bytes); };
         copyOptions.stampFileTime = true;
         // A source gone before its copy is passed over, its destination
         // untouched, as a work item that has vanished.
@@ -89,6 +89,26 @@ public:
         state = TFileCopyTask::StateCopying;
     }
 
+    // Copies an entry and tells of it; false when it failed.
+    bool CopyEntry(const EntryCollector::Entry &entry, const DestinationPrefix &prefix)
+    {
+        // Made for this entry alone, so that no receiver in another thread
+        // shares its cache with the pass.
+        const QFileInfo info = entry.info();
+        if (q->CopyFile(info, srcPattern.regExp(), prefix.For(info))) {
+            ++filesCopied;
+            emit q->FileCopied(info);
+            return true;
+        }
+        // Gone before its copy, which left its destination alone: passed
+        // over as a vanished work item is.
+        const int error = errno;
+        if (error == ENOENT && !QFileInfo::exists(entry.path))
+            return true;
+        emit notifier->EntryFailed(info, error);
+        return false;
+    }
+
     int RunningPercent() const
     {
         // 100 belongs to the end of a completed batch. More bytes than were
@@ -98,6 +118,7 @@ public:
         return std::min(99, qRound(double(bytesDone) / double(bytesTotal) * 100.0));
     }
 
+    TFileCopyTask *const q;
     TFileCopyNotifier *const notifier; // a child of the task
     const TFileCopyTask::LeftOutReceiver reportLeftOut;
 
@@ -129,9 +150,8 @@ public:
 };
 
 TFileCopyTask::TFileCopyTask(EFileExistsAction action)
-    : QObject(nullptr), d(std::make_unique<TFileCopyTaskPrivate>(
-                                action, new TFileCopyNotifier(this),
-                                [this](qint64 bytes) { return OnBytesWritten(bytes); }))
+    : QObject(nullptr),
+      d(std::make_unique<TFileCopyTaskPrivate>(this, new TFileCopyNotifier(this), action))
 {
     qRegisterMetaType<QFileInfo>("QFileInfo");
 }
@@ -255,7 +275,6 @@ void TFileCopyTask::Run()
     // that copying goes on meanwhile; the pass ends when all are done.
     FlushPool flushPool;
     d->copyOptions.flushPool = &flushPool;
-    static const QMetaMethod fileCopiedSignal = QMetaMethod::fromSignal(&TFileCopyTask::FileCopied);
 
     if (d->state == StatePreparing)
         d->ExpandBatch();
@@ -273,7 +292,7 @@ void TFileCopyTask::Run()
         // other item is looked at anew.
         const EntryCollector::Entry &measured = d->pending.back();
         const bool copyAsMeasured = !conflictMatters && !measured.isDir;
-        const QFileInfo item = copyAsMeasured ? measured.info : QFileInfo(measured.path);
+        const QFileInfo item = copyAsMeasured ? QFileInfo() : measured.info();
         bool skip = false;
         if (conflictMatters && !prefix.existingDestination(item, d->srcPattern).isNull()) {
             switch (d->fileExistsAction) {
@@ -300,19 +319,8 @@ void TFileCopyTask::Run()
                 if (skip) {
                     ++d->filesSkipped;
                     d->bytesDone += entry.size;
-                } else if (CopyFile(entry.info, d->srcPattern.regExp(), prefix.For(entry.info))) {
-                    ++d->filesCopied;
-                    // The entry's own QFileInfo, an allocation and a copy
-                    // of its path, is made only for a receiver.
-                    if (isSignalConnected(fileCopiedSignal))
-                        emit FileCopied(Detached(entry.info));
-                } else if (errno == ENOENT && !QFileInfo::exists(entry.path)) {
-                    // Gone before its copy, which left its destination alone:
-                    // passed over as a vanished work item is.
-                } else {
-                    const int error = errno;
+                } else if (!d->CopyEntry(entry, prefix)) {
                     d->state = StateCopyFailed;
-                    emit d->notifier->EntryFailed(Detached(entry.info), error);
                     break;
                 }
                 if (d->stopRequested)
@@ -338,8 +346,7 @@ void TFileCopyTask::Run()
     if (d->pending.empty() && !stopped)
         emit Progress(100, d->filesCopied, d->filesSkipped);
     const int state = d->state;
-    const QFileInfo currentFile
-            = d->pending.empty() ? QFileInfo() : Detached(d->pending.back().info);
+    const QFileInfo currentFile = d->pending.empty() ? QFileInfo() : d->pending.back().info();
     locker.unlock();
     emit State(state, currentFile);
 }

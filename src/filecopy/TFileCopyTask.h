@@ -414,6 +414,8 @@ private slots:
     bool OnBytesWritten(qint64 bytes);
 
 private:
+    friend class TFileCopyTaskPrivate;
+
     bool CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const QString &destPrefix);
 
     const std::unique_ptr<TFileCopyTaskPrivate> d;
