@@ -145,7 +145,7 @@ public:
     FileCopier::Options copyOptions;
     // The running pass's; forgotten at its end, so that no pass finds a
     // directory by an earlier pass's look.
-    FileCopier::DestinationDirectory destinationDirectory;
+    FileCopier::KeptDirectories keptDirectories;
     std::atomic<bool> stopRequested { false };
 };
 
@@ -342,7 +342,7 @@ void TFileCopyTask::Run()
     // Every file that the pass copied is on the disk before it reports.
     flushPool.waitForAll();
     d->copyOptions.flushPool = nullptr;
-    d->destinationDirectory.forget();
+    d->keptDirectories.forget();
     if (d->pending.empty() && !stopped)
         emit Progress(100, d->filesCopied, d->filesSkipped);
     const int state = d->state;
@@ -377,7 +377,7 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
         return false;
     }
     if (FileCopier::copy(QFile::encodeName(source), QFile::encodeName(destination), d->copyOptions,
-                         FileCopier::MissingDirectory::Create, &d->destinationDirectory))
+                         FileCopier::MissingDirectory::Create, &d->keptDirectories))
         return true;
     // A directory is an entry when its listing gave nothing to copy: it is
     // made rather than copied, its source untouched (the copy of one ends

@@ -161,6 +161,21 @@ bool copyFrom(Source &source, int destDir, const QByteArray &destName,
     return true;
 }
 
+// A path as the directory it names a file in ("." for none) and the name.
+struct PathParts
+{
+    QByteArray directory;
+    QByteArray name;
+};
+
+PathParts splitPath(const QByteArray &path)
+{
+    const int slash = path.lastIndexOf('/');
+    if (slash < 0)
+        return { QByteArray("."), path };
+    return { slash == 0 ? QByteArray("/") : path.left(slash), path.mid(slash + 1) };
+}
+
 } // namespace
 
 QByteArray FileCopier::lowerCaseExtension(const QByteArray &name)
@@ -188,7 +203,7 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
     return copyFrom(source, destDir, destName, options);
 }
 
-int FileCopier::DestinationDirectory::open(const QByteArray &path, MissingDirectory missing)
+int FileCopier::KeptDirectory::open(const QByteArray &path, MissingDirectory missing)
 {
     if (holds(path))
         return m_fd.get();
@@ -209,32 +224,34 @@ int FileCopier::DestinationDirectory::open(const QByteArray &path, MissingDirect
 }
 
 bool FileCopier::copy(const QByteArray &sourcePath, const QByteArray &destPath,
-                      const Options &options, MissingDirectory missing,
-                      DestinationDirectory *directory)
+                      const Options &options, MissingDirectory missing, KeptDirectories *kept)
 {
-    const int slash = destPath.lastIndexOf('/');
-    const QByteArray destDirPath = slash < 0 ? QByteArray(".")
-            : slash == 0                     ? QByteArray("/")
-                                             : destPath.left(slash);
-    const QByteArray destName = destPath.mid(slash + 1);
-    DestinationDirectory ownDirectory;
-    DestinationDirectory &destDir = directory ? *directory : ownDirectory;
-    const bool keptOpen = destDir.holds(destDirPath);
+    const PathParts source = kept ? splitPath(sourcePath) : PathParts();
+    const PathParts dest = splitPath(destPath);
+    KeptDirectories ownDirectories;
+    KeptDirectories &directories = kept ? *kept : ownDirectories;
+    const bool keptOpen = directories.destination.holds(dest.directory)
+            || directories.source.holds(source.directory);
     const auto copyOnce = [&] {
+        // A source directory that cannot be opened leaves the source to be
+        // opened by its path, which tells why it cannot be read.
+        const int sourceDir
+                = kept ? directories.source.open(source.directory, MissingDirectory::Fail) : -1;
+        Source file(sourceDir >= 0 ? sourceDir : AT_FDCWD,
+                    sourceDir >= 0 ? source.name : sourcePath);
         // Before the destination's directory is made, where a source that
         // cannot be opened must leave the destination as it is.
-        Source source(AT_FDCWD, sourcePath);
-        if (source.endsCopy(options))
+        if (file.endsCopy(options))
             return false;
-        const int destDirFd = destDir.open(destDirPath, missing);
-        return destDirFd >= 0 && copyFrom(source, destDirFd, destName, options);
+        const int destDir = directories.destination.open(dest.directory, missing);
+        return destDir >= 0 && copyFrom(file, destDir, dest.name, options);
     };
     if (copyOnce())
         return true;
-    // Nothing can be created in a directory that was removed.
+    // Nothing can be created in a directory that was removed, nor found in one.
     if (!keptOpen || errno != ENOENT)
         return false;
-    destDir.forget();
+    directories.forget();
     return copyOnce();
 }
 

@@ -49,10 +49,10 @@ bool copy(int sourceDir, const QByteArray &sourceName, int destDir, const QByteA
 
 enum class MissingDirectory { Fail, Create };
 
-// The destination directory of copies by path, kept open from one copy to
-// the next while they go to the same directory: the files of a directory
-// mostly follow each other, and each would resolve its path again.
-class DestinationDirectory
+// A directory of copies by path, kept open from one copy to the next while
+// they use the same one: the files of a directory mostly follow each other,
+// and each would resolve the directory's path again.
+class KeptDirectory
 {
 public:
     // The directory at path, opened (O_PATH) unless it is the one kept
@@ -73,13 +73,28 @@ private:
     FileDescriptor m_fd { -1 };
 };
 
+// The directories a run of copies by path keeps open: the one the sources
+// come from and the one the copies go to.
+struct KeptDirectories
+{
+    KeptDirectory source;
+    KeptDirectory destination;
+
+    void forget()
+    {
+        source.forget();
+        destination.forget();
+    }
+};
+
 // The same for two paths named as the caller names them; the destination's
-// directory is opened, by directory when one is given, and the copy made
-// relative to it. A directory kept open that has been removed meanwhile
-// is looked up by its path again, as a copy by path would find it.
+// directory is opened, and the copy made relative to it. With kept
+// directories, the source is opened relative to its directory too, and a
+// directory kept open that has been removed meanwhile is looked up by its
+// path again, as a copy by path would find it; without, the source is
+// opened by its path, which costs one look fewer for a single copy.
 bool copy(const QByteArray &sourcePath, const QByteArray &destPath, const Options &options,
-          MissingDirectory missing = MissingDirectory::Fail,
-          DestinationDirectory *directory = nullptr);
+          MissingDirectory missing = MissingDirectory::Fail, KeptDirectories *kept = nullptr);
 
 // A report that calls the slot member of receiver by name, as
 // FileCopyWithProgress() does; empty when either is null.

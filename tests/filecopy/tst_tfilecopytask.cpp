@@ -69,8 +69,9 @@ private slots:
 //       Continue:4 (SkipAll) or ContinueRename:0:@/alt.
 //   StopAtReport:n  the receiver of the n-th Progress() from now calls Stop().
 //   Remove:path  deletes a file.
-//   RemoveAtCopied:path  the receiver of the next FileCopied() deletes the
-//       file, or the directory with its contents, at path.
+//   RemoveAtCopied:path[:tree]  the receiver of the next FileCopied() deletes
+//       the file, or the directory with its contents, at path, then makes
+//       tree (see MakeTree()) when one is given.
 //   Fifo:path  makes a named pipe.
 //   Undecodable:path  makes a file named by path's bytes and a byte 0xff,
 //       which UTF-8 file names cannot represent.
@@ -172,6 +173,14 @@ void tst_TFileCopyTask::batches_data()
            "src/d/a.txt=a src/d/b.txt=b", "RemoveAtCopied:@/dst/d+Copy:1:d",
            "..., F d/b.txt, P 99 1 0, F d/a.txt, P 100 2 0, S 4 -", "dst/d=/a.txt dst/d/a.txt=a");
 
+    // The next file is looked for by its path again, in the new directory;
+    // each file has a destination directory of its own.
+    AddRow("a source directory replaced between its files is read anew",
+           "src/d/a.txt=a src/d/b.txt=b",
+           "RemoveAtCopied:@/src/d:src/d/a.txt=new+Copy:1:d::@/dst/%1",
+           "..., F d/b.txt, P 99 1 0, F d/a.txt, P 100 2 0, S 4 -",
+           "dst=/a,b dst/a/d/a.txt=new dst/b/d/b.txt=b");
+
     // A source gone before its copy is passed over without a count or a
     // signal, and its old copy stays: a work item, and an entry of one.
     AddRow("a file item gone before its turn", "src/a.txt=a src/b.txt=b src/c.txt=c dst/b.txt=old",
@@ -255,7 +264,7 @@ void tst_TFileCopyTask::batches()
     QObject::connect(&task, &TFileCopyTask::State, [&](int state, const QFileInfo &file) {
         record(QStringLiteral("S %1 %2").arg(state).arg(relative(file)));
     });
-    QString removeAtCopied; // guarded by receivedMutex
+    QString removeAtCopied, makeAtCopied; // guarded by receivedMutex
     QObject::connect(&task, &TFileCopyTask::FileCopied, [&](const QFileInfo &file) {
         record(QStringLiteral("F ") + relative(file));
         const std::lock_guard<std::mutex> locker(receivedMutex);
@@ -263,6 +272,7 @@ void tst_TFileCopyTask::batches()
             return;
         const QString path = std::exchange(removeAtCopied, QString());
         QVERIFY(QFileInfo(path).isDir() ? QDir(path).removeRecursively() : QFile::remove(path));
+        MakeTree(tmp.path(), std::exchange(makeAtCopied, QString()));
     });
     QObject::connect(task.Notifier(), &TFileCopyNotifier::EntryFailed,
                      [&](const QFileInfo &file, int error) {
@@ -320,6 +330,7 @@ void tst_TFileCopyTask::batches()
             } else if (name == "RemoveAtCopied") {
                 const std::lock_guard<std::mutex> locker(receivedMutex);
                 removeAtCopied = word[1];
+                makeAtCopied = word.value(2);
             } else if (name == "Fifo") {
                 QCOMPARE(::mkfifo(QFile::encodeName(word[1]).constData(), 0644), 0);
             } else if (name == "Undecodable") {
