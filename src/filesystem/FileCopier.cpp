@@ -10,6 +10,7 @@
 #include <QObject>
 
 #include <cerrno>
+#include <string_view>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -76,13 +77,13 @@ int createDestination(int dir, const QByteArray &name)
 // QFile::WriteOther) gives a copy. QFile reports besides the owner's bits
 // what the calling user may do with the file, and grants that to the owner
 // of the copy; an owner bit that is set already needs no question.
-mode_t copyMode(int sourceDir, const QByteArray &sourceName, mode_t sourceMode)
+mode_t copyMode(int sourceDir, const char *sourceName, mode_t sourceMode)
 {
     mode_t mode = (sourceMode & (S_IRWXU | S_IRWXG | S_IRWXO)) | S_IWOTH;
     const std::pair<mode_t, int> ownerBits[]
             = { { S_IRUSR, R_OK }, { S_IWUSR, W_OK }, { S_IXUSR, X_OK } };
     for (const auto &[bit, access] : ownerBits) {
-        if (!(mode & bit) && ::faccessat(sourceDir, sourceName.constData(), access, 0) == 0)
+        if (!(mode & bit) && ::faccessat(sourceDir, sourceName, access, 0) == 0)
             mode |= bit;
     }
     return mode;
@@ -91,8 +92,8 @@ mode_t copyMode(int sourceDir, const QByteArray &sourceName, mode_t sourceMode)
 // A source opened for a copy, or why it could not be opened.
 struct Source
 {
-    Source(int dir, const QByteArray &name)
-        : dir(dir), name(name), file(openReadableFile(dir, name.constData(), status)),
+    Source(int dir, const char *name)
+        : dir(dir), name(name), file(openReadableFile(dir, name, status)),
           error(file.isOpen() ? 0 : errno)
     { }
 
@@ -108,7 +109,7 @@ struct Source
     }
 
     const int dir;
-    const QByteArray &name;
+    const char *const name;
     struct stat status;
     FileDescriptor file;
     const int error;
@@ -161,19 +162,21 @@ bool copyFrom(Source &source, int destDir, const QByteArray &destName,
     return true;
 }
 
-// A path as the directory it names a file in ("." for none) and the name.
+// A path as the directory it names a file in and the file's name, both
+// read in place: the name ends the path, and with it its NUL.
 struct PathParts
 {
-    QByteArray directory;
-    QByteArray name;
+    std::string_view directory; // "/" at the root, "." for a name alone
+    const char *name;
 };
 
 PathParts splitPath(const QByteArray &path)
 {
     const int slash = path.lastIndexOf('/');
+    const char *const data = path.constData();
     if (slash < 0)
-        return { QByteArray("."), path };
-    return { slash == 0 ? QByteArray("/") : path.left(slash), path.mid(slash + 1) };
+        return { ".", data };
+    return { std::string_view(data, slash == 0 ? 1 : std::size_t(slash)), data + slash + 1 };
 }
 
 } // namespace
@@ -199,22 +202,22 @@ bool FileCopier::copy(int sourceDir, const QByteArray &sourceName, int destDir,
 {
     // The source is opened before anything is removed, so that a destination
     // reaching the same file can be recognised by device and inode.
-    Source source(sourceDir, sourceName);
+    Source source(sourceDir, sourceName.constData());
     return copyFrom(source, destDir, destName, options);
 }
 
-int FileCopier::KeptDirectory::open(const QByteArray &path, MissingDirectory missing)
+int FileCopier::KeptDirectory::open(std::string_view path, MissingDirectory missing)
 {
     if (holds(path))
         return m_fd.get();
+    m_path = QByteArray(path.data(), int(path.size()));
     // Only a way to the names in it, which needs no permission to read it
     // and no look at its status.
     const auto openDirectory
-            = [&path] { return ::open(path.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC); };
-    m_path = path;
+            = [this] { return ::open(m_path.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC); };
     m_fd.reset(openDirectory());
     if (!m_fd.isOpen() && errno == ENOENT && missing == MissingDirectory::Create) {
-        const bool made = QDir().mkpath(QFile::decodeName(path));
+        const bool made = QDir().mkpath(QFile::decodeName(m_path));
         const int whyNot = errno;
         m_fd.reset(openDirectory());
         if (!m_fd.isOpen() && !made)
@@ -226,7 +229,7 @@ int FileCopier::KeptDirectory::open(const QByteArray &path, MissingDirectory mis
 bool FileCopier::copy(const QByteArray &sourcePath, const QByteArray &destPath,
                       const Options &options, MissingDirectory missing, KeptDirectories *kept)
 {
-    const PathParts source = kept ? splitPath(sourcePath) : PathParts();
+    const PathParts source = splitPath(sourcePath);
     const PathParts dest = splitPath(destPath);
     KeptDirectories ownDirectories;
     KeptDirectories &directories = kept ? *kept : ownDirectories;
@@ -238,13 +241,13 @@ bool FileCopier::copy(const QByteArray &sourcePath, const QByteArray &destPath,
         const int sourceDir
                 = kept ? directories.source.open(source.directory, MissingDirectory::Fail) : -1;
         Source file(sourceDir >= 0 ? sourceDir : AT_FDCWD,
-                    sourceDir >= 0 ? source.name : sourcePath);
+                    sourceDir >= 0 ? source.name : sourcePath.constData());
         // Before the destination's directory is made, where a source that
         // cannot be opened must leave the destination as it is.
         if (file.endsCopy(options))
             return false;
         const int destDir = directories.destination.open(dest.directory, missing);
-        return destDir >= 0 && copyFrom(file, destDir, dest.name, options);
+        return destDir >= 0 && copyFrom(file, destDir, QByteArray(dest.name), options);
     };
     if (copyOnce())
         return true;

@@ -13,6 +13,8 @@
 
 #include <QByteArray>
 
+#include <string_view>
+
 class FlushPool;
 class QObject;
 
@@ -60,10 +62,14 @@ public:
     // made first, with its parents, as QDir::mkpath() makes it (its result
     // unchecked: the open fails when there is still no directory). -1, with
     // errno set, when it cannot be opened.
-    int open(const QByteArray &path, MissingDirectory missing);
+    int open(std::string_view path, MissingDirectory missing);
 
     // Whether the directory at path is the one kept open.
-    bool holds(const QByteArray &path) const { return m_fd.isOpen() && m_path == path; }
+    bool holds(std::string_view path) const
+    {
+        return m_fd.isOpen()
+                && std::string_view(m_path.constData(), std::size_t(m_path.size())) == path;
+    }
 
     // Closes the directory kept open: the next open() looks its path up.
     void forget() { m_fd.close(); }
