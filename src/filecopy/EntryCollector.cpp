@@ -58,16 +58,18 @@ bool LocaleIsUtf8()
     return QFile::encodeName(QStringLiteral("\u00e9")) == "\xc3\xa9";
 }
 
-// The listed name as text; false when the text would not name it again,
-// as with bytes the locale's encoding cannot represent. An ASCII name, most
-// of them, needs neither the codec nor the way back under UTF-8.
-bool DecodeName(const QByteArray &name, bool utf8, QString &text)
+// Appends the listed name to path as text; false when the text would not
+// name it again, as with bytes the locale's encoding cannot represent. An
+// ASCII name, most of them, needs neither the codec nor the way back under
+// UTF-8.
+bool AppendName(QString &path, const QByteArray &name, bool utf8)
 {
     if (utf8 && std::all_of(name.cbegin(), name.cend(), [](char c) { return uchar(c) < 0x80; })) {
-        text = QString::fromLatin1(name);
+        path.append(QLatin1String(name));
         return true;
     }
-    text = QFile::decodeName(name);
+    const QString text = QFile::decodeName(name);
+    path.append(text);
     return QFile::encodeName(text) == name;
 }
 
@@ -215,9 +217,10 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
     descent.Enter(id);
     const bool utf8 = LocaleIsUtf8();
     for (const QByteArray &name : descent.AdmittedNames(listing, directory, pathPrefix)) {
-        QString decoded;
-        const bool representable = DecodeName(name, utf8, decoded);
-        const QString childPath = pathPrefix + decoded;
+        QString childPath;
+        childPath.reserve(pathPrefix.size() + name.size());
+        childPath.append(pathPrefix);
+        const bool representable = AppendName(childPath, name, utf8);
         Entry child { childPath, childPath, 0, false };
         if (!representable) {
             markUnreadable(std::move(child), EILSEQ, out);
