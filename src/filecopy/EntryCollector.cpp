@@ -180,7 +180,7 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
 {
     // Checked first: the path of a name that could not be represented may
     // well name another file.
-    if (!m_unreadable.isEmpty() && m_unreadable.contains(entry.path)) {
+    if (readError(entry.path) != 0) {
         out.push_back(std::move(entry));
         return;
     }

@@ -66,8 +66,10 @@ public:
     // Why entry could not be read completely (an errno value), or 0.
     int readError(const QFileInfo &entry) const
     {
-        return m_unreadable.isEmpty() ? 0 : m_unreadable.value(absolutePath(entry));
+        return m_unreadable.isEmpty() ? 0 : readError(absolutePath(entry));
     }
+    // The same for an entry's absolute, clean path.
+    int readError(const QString &path) const { return m_unreadable.value(path); }
 
     // QFileInfo::absoluteFilePath() of entry, without its cost (a copy
     // task's largest per file) when the path is absolute and clean already,
