@@ -35,7 +35,8 @@ QString DestinationPrefix::existingDestination(const QFileInfo &item,
     const bool isFile = item.isFile();
     if (!isFile && !item.exists())
         return QString();
-    const QString destination = pattern.replaced(EntryCollector::absolutePath(item), For(item));
+    const QString destination
+            = pattern.replaced(EntryCollector::absolutePath(item), For(item.filePath()));
     if (destination.isNull() || QFileInfo::exists(destination))
         return destination;
     if (!isFile)

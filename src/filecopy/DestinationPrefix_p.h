@@ -22,10 +22,11 @@ class DestinationPrefix
 public:
     explicit DestinationPrefix(const QString &text);
 
-    // The prefix for entry: its place marker replaced by the entry's name.
-    QString For(const QFileInfo &entry) const
+    // The prefix for the entry at path: its place marker replaced by the
+    // entry's name.
+    QString For(const QString &path) const
     {
-        return m_hasPlaceMarker ? m_text.arg(entry.completeBaseName()) : m_text;
+        return m_hasPlaceMarker ? m_text.arg(QFileInfo(path).completeBaseName()) : m_text;
     }
 
     // What exists at the destination of item, its source prefix matched by

@@ -8,6 +8,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QMetaMethod>
 #include <QMetaType>
 
 #include <algorithm>
@@ -92,12 +93,14 @@ public:
     // Copies an entry and tells of it; false when it failed.
     bool CopyEntry(const EntryCollector::Entry &entry, const DestinationPrefix &prefix)
     {
-        // Made for this entry alone, so that no receiver in another thread
-        // shares its cache with the pass.
-        const QFileInfo info = entry.info();
-        if (q->CopyFile(info, srcPattern.regExp(), prefix.For(info))) {
+        if (Copy(entry.path, srcPattern, prefix.For(entry.filePath))) {
             ++filesCopied;
-            emit q->FileCopied(info);
+            // Made only for a receiver, and for this entry alone, so that no
+            // receiver in another thread shares its cache with the pass.
+            static const QMetaMethod fileCopied
+                    = QMetaMethod::fromSignal(&TFileCopyTask::FileCopied);
+            if (q->isSignalConnected(fileCopied))
+                emit q->FileCopied(entry.info());
             return true;
         }
         // Gone before its copy, which left its destination alone: passed
@@ -105,8 +108,41 @@ public:
         const int error = errno;
         if (error == ENOENT && !QFileInfo::exists(entry.path))
             return true;
-        emit notifier->EntryFailed(info, error);
+        emit notifier->EntryFailed(entry.info(), error);
         return false;
+    }
+
+    // Copies the entry at source, an absolute and clean path, to its
+    // destination: source with pattern's match replaced by destPrefix. A
+    // failure leaves its cause in errno.
+    bool Copy(const QString &source, const SourcePattern &pattern, const QString &destPrefix)
+    {
+        if (const int unreadable = collector.readError(source)) {
+            errno = unreadable;
+            return false;
+        }
+        const QString destination = pattern.replaced(source, destPrefix);
+        // Left unchanged, the path of an entry that the prefix does not
+        // match would name the source itself.
+        if (destination.isNull()) {
+            errno = EINVAL;
+            return false;
+        }
+        if (FileCopier::copy(QFile::encodeName(source), QFile::encodeName(destination), copyOptions,
+                             FileCopier::MissingDirectory::Create, &keptDirectories))
+            return true;
+        // A directory is an entry when its listing gave nothing to copy: it
+        // is made rather than copied, its source untouched (the copy of one
+        // ends before the destination). Looked at only here, so that a file
+        // costs no look of its own. The result of mkpath() is not looked at,
+        // by the task's rules.
+        const int copyError = errno;
+        if (!QFileInfo(source).isDir()) {
+            errno = copyError;
+            return false;
+        }
+        QDir().mkpath(destination);
+        return true;
     }
 
     int RunningPercent() const
@@ -138,7 +174,7 @@ public:
     QString altDestPrefix;
     SourcePattern srcPattern { QRegExp() };
     EntryCollector collector;
-    // How CopyFile() copies. The reports go to OnBytesWritten() as
+    // How entries are copied. The reports go to OnBytesWritten() as
     // FileCopyWithProgress() would send them, in this thread, without
     // looking the slot up by name for every report; the last flush of each
     // file goes to the running pass's flush pool.
@@ -203,8 +239,9 @@ QList<QFileInfo> TFileCopyTask::Entries(const QFileInfo &workItem, const LeftOut
 QString TFileCopyTask::DestinationPath(const QFileInfo &entry, const QString &srcPrefix,
                                        const QString &destPrefix)
 {
-    return SourcePattern::forPrefix(srcPrefix).replaced(EntryCollector::absolutePath(entry),
-                                                        DestinationPrefix(destPrefix).For(entry));
+    return SourcePattern::forPrefix(srcPrefix).replaced(
+            EntryCollector::absolutePath(entry),
+            DestinationPrefix(destPrefix).For(entry.filePath()));
 }
 
 QString TFileCopyTask::ExistingDestination(const QFileInfo &workItem, const QString &srcPrefix,
@@ -286,35 +323,30 @@ void TFileCopyTask::Run()
     bool stopped = false;
     while (d->state == StateCopying) {
         const DestinationPrefix prefix(d->EffectivePrefix());
-        const bool conflictMatters = ConflictMatters(d->fileExistsAction);
-        // A file that only has to be copied is copied as the batch measured
-        // it: the copy finds out for itself whether it is still there. Any
-        // other item is looked at anew.
         const EntryCollector::Entry &measured = d->pending.back();
-        const bool copyAsMeasured = !conflictMatters && !measured.isDir;
-        const QFileInfo item = copyAsMeasured ? QFileInfo() : measured.info();
+        EntryCollector::Entries entries;
         bool skip = false;
-        if (conflictMatters && !prefix.existingDestination(item, d->srcPattern).isNull()) {
-            switch (d->fileExistsAction) {
-            case Ask:
-                d->state = StateFileExists;
-                break;
-            case Skip:
-            case SkipAll:
-                skip = true;
-                break;
-            default: // Overwrite, OverwriteAll and any other value copy it
-                break;
+        if (!ConflictMatters(d->fileExistsAction) && !measured.isDir) {
+            // A file that only has to be copied is copied as the batch
+            // measured it: the copy finds out for itself whether it is
+            // still there.
+            entries.push_back(measured);
+        } else {
+            // Any other item is looked at anew.
+            const QFileInfo item = measured.info();
+            if (ConflictMatters(d->fileExistsAction)
+                && !prefix.existingDestination(item, d->srcPattern).isNull()) {
+                if (d->fileExistsAction == Ask)
+                    d->state = StateFileExists;
+                else
+                    skip = true; // Skip or SkipAll
             }
+            if (d->state == StateCopying)
+                d->collector.collect(item, entries, WorkItemDepth,
+                                     skip ? nullptr : &d->reportLeftOut);
         }
 
         if (d->state == StateCopying) {
-            EntryCollector::Entries entries;
-            if (copyAsMeasured)
-                entries.push_back(measured);
-            else
-                d->collector.collect(item, entries, WorkItemDepth,
-                                     skip ? nullptr : &d->reportLeftOut);
             for (const EntryCollector::Entry &entry : entries) {
                 if (skip) {
                     ++d->filesSkipped;
@@ -360,35 +392,9 @@ bool TFileCopyTask::OnBytesWritten(qint64 bytes)
 
 bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const QString &destPrefix)
 {
-    // A failure leaves its cause in errno.
-    if (const int readError = d->collector.readError(fileInfo)) {
-        errno = readError;
-        return false;
-    }
     const QString source = EntryCollector::absolutePath(fileInfo);
-    // Run() passes the batch's own pattern, which is prepared already.
-    const QString destination = pattern == d->srcPattern.regExp()
-            ? d->srcPattern.replaced(source, destPrefix)
-            : SourcePattern(pattern).replaced(source, destPrefix);
-    // Left unchanged, the path of an entry that the prefix does not match
-    // would name the source itself.
-    if (destination.isNull()) {
-        errno = EINVAL;
-        return false;
-    }
-    if (FileCopier::copy(QFile::encodeName(source), QFile::encodeName(destination), d->copyOptions,
-                         FileCopier::MissingDirectory::Create, &d->keptDirectories))
-        return true;
-    // A directory is an entry when its listing gave nothing to copy: it is
-    // made rather than copied, its source untouched (the copy of one ends
-    // before the destination). Looked at only here, so that an entry's
-    // QFileInfo need not cache a look for a file. The result of mkpath() is
-    // not looked at, by the task's rules.
-    const int copyError = errno;
-    if (!fileInfo.isDir()) {
-        errno = copyError;
-        return false;
-    }
-    QDir().mkpath(destination);
-    return true;
+    // The batch's own pattern is prepared already.
+    if (pattern == d->srcPattern.regExp())
+        return d->Copy(source, d->srcPattern, destPrefix);
+    return d->Copy(source, SourcePattern(pattern), destPrefix);
 }

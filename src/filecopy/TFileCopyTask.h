@@ -416,6 +416,10 @@ private slots:
 private:
     friend class TFileCopyTaskPrivate;
 
+    // Copies one entry as a pass does: from fileInfo's absolute path to that
+    // path with pattern's match replaced by destPrefix, whose place marker
+    // is filled in already. A pass copies its entries through the same code
+    // without making a QFileInfo and a copy of the pattern for each.
     bool CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const QString &destPrefix);
 
     const std::unique_ptr<TFileCopyTaskPrivate> d;
