@@ -162,7 +162,8 @@ private slots:
                     TQueue *const queue
                             = TQueue::CreateQueue(8, 2, QStringLiteral("contested"), &code);
                     (queue ? created : refused) += code == (queue ? 0 : TQueue::QueueErrNameExists);
-                    id = queue ? queue->GetQueueId() : id.load();
+                    if (queue) // the refused thread must not write back a stale id
+                        id = queue->GetQueueId();
                     meet(4);
                     sent += TQueue::SendMsg(id, "m", 1, TQueue::QueueNoWait)
                             == TQueue::QueueErrNone;
