@@ -8,12 +8,9 @@
 #ifndef TRELLIS_FLUSHPOOL_P_H
 #define TRELLIS_FLUSHPOOL_P_H
 
-#include <condition_variable>
+#include "JobPool_p.h"
+
 #include <cstddef>
-#include <deque>
-#include <mutex>
-#include <thread>
-#include <vector>
 
 // Flushes files to the disk in threads of its own, and closes them, so that
 // whoever hands them over goes on working. A flush waits for a commit of the
@@ -28,10 +25,7 @@ public:
     static constexpr std::size_t MaxThreads = 4;
     static constexpr std::size_t MaxWaiting = 16;
 
-    FlushPool() = default;
-    ~FlushPool();
-    FlushPool(const FlushPool &) = delete;
-    FlushPool &operator=(const FlushPool &) = delete;
+    FlushPool();
 
     // Takes fd over: it is flushed (fsync(), whose result is not looked at)
     // and closed. Flushed in the calling thread when no thread can be had.
@@ -41,18 +35,7 @@ public:
     void waitForAll();
 
 private:
-    void work();
-    bool startThread();
-
-    std::mutex m_mutex;
-    // Two conditions, so that a change that only the owner waits for does
-    // not wake every idle thread, nor new work the owner.
-    std::condition_variable m_work; // a file waits, or the pool ends
-    std::condition_variable m_idle; // room in the queue, or nothing left to do
-    std::deque<int> m_waiting;
-    std::size_t m_flushing = 0;
-    bool m_ending = false;
-    std::vector<std::thread> m_threads;
+    JobPool<int> m_jobs;
 };
 
 #endif // TRELLIS_FLUSHPOOL_P_H
