@@ -1,11 +1,13 @@
 #include "EntryCollector_p.h"
 
+#include "FileMeasurer_p.h"
 #include "filesystem/Directory_p.h"
 
 #include <QFile>
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <vector>
 
 #include <sys/stat.h>
@@ -93,29 +95,35 @@ public:
             (*leftOut)(entry, reason);
     }
 
-    // The names in directory that a listing admits, in name order ignoring
-    // case; the others are left out, and told in that order too.
-    std::vector<QByteArray> AdmittedNames(const std::vector<DirectoryEntry> &entries,
-                                          const Directory &directory,
-                                          const QString &pathPrefix) const
+    // The entries of directory that a listing admits, in name order
+    // ignoring case, each a Directory or a File as the listing takes it
+    // (through links); the others are left out, and told in that order too.
+    std::vector<DirectoryEntry> Admitted(std::vector<DirectoryEntry> &listing,
+                                         const Directory &directory,
+                                         const QString &pathPrefix) const
     {
-        std::vector<QByteArray> names;
+        std::vector<DirectoryEntry> admitted;
         std::vector<QByteArray> leftOutNames;
-        for (const DirectoryEntry &entry : entries) {
+        for (DirectoryEntry &entry : listing) {
             const Listed listed = directory.listedAs(entry);
-            if (listed == Listed::Directory || listed == Listed::File)
-                names.push_back(entry.name);
-            else if (listed == Listed::LeftOut && leftOut)
+            if (listed == Listed::Directory || listed == Listed::File) {
+                entry.type = listed == Listed::Directory ? EntryType::Directory : EntryType::File;
+                admitted.push_back(std::move(entry));
+            } else if (listed == Listed::LeftOut && leftOut) {
                 leftOutNames.push_back(entry.name);
+            }
         }
-        sortIgnoringCase(names);
+        sortIgnoringCase(admitted);
         sortIgnoringCase(leftOutNames);
         for (const QByteArray &name : leftOutNames)
             LeaveOut(QFileInfo(pathPrefix + QFile::decodeName(name)),
                      isHiddenName(name) ? TFileCopyNotifier::HiddenName
                                         : ReasonFor(directory, name));
-        return names;
+        return admitted;
     }
+
+    // The files the descent takes as they are, measured while it goes on.
+    FileMeasurer measurer;
 
     bool AtRoot() const { return path.empty(); }
     void Enter(const FileId &id) { path.push_back(id); }
@@ -165,6 +173,16 @@ void EntryCollector::collect(const Entry &entry, Entries &out, int depth,
 {
     Descent descent(entry.info(), leftOut);
     collectInto(entry, out, depth, descent);
+    // A name gone since its listing is passed over.
+    bool anyGone = false;
+    for (const FileMeasurer::Size &size : descent.measurer.finish()) {
+        out[size.key].size = size.bytes;
+        anyGone = anyGone || size.bytes < 0;
+    }
+    if (anyGone)
+        out.erase(std::remove_if(out.begin(), out.end(),
+                                 [](const Entry &gone) { return gone.size < 0; }),
+                  out.end());
 }
 
 QList<QFileInfo> EntryCollector::infos(const Entries &entries)
@@ -189,24 +207,25 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
         return;
     }
 
-    const Directory directory = Directory::open(QFile::encodeName(entry.path));
-    if (!directory.isOpen()) {
+    const auto directory
+            = std::make_shared<const Directory>(Directory::open(QFile::encodeName(entry.path)));
+    if (!directory->isOpen()) {
         if (errno != ENOENT && errno != ENOTDIR) // not gone meanwhile
             markUnreadable(std::move(entry), errno, out);
         return;
     }
-    const FileId id = IdOf(directory.status());
+    const FileId id = IdOf(directory->status());
     if (!descent.AtRoot() && descent.Encloses(id)) {
         descent.LeaveOut(entry.info(), TFileCopyNotifier::LinkIntoTree);
         return;
     }
     std::vector<DirectoryEntry> listing;
-    if (!directory.list(listing)) {
+    if (!directory->list(listing)) {
         markUnreadable(std::move(entry), errno, out);
         return;
     }
     // A directory that gives no entry stands for itself, at its size now.
-    entry.size = directory.status().st_size;
+    entry.size = directory->status().st_size;
 
     // A negative depth never reaches 0; it is kept as it is rather than
     // counted down towards an overflow.
@@ -216,24 +235,24 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
     const std::size_t collectedBefore = out.size();
     descent.Enter(id);
     const bool utf8 = LocaleIsUtf8();
-    for (const QByteArray &name : descent.AdmittedNames(listing, directory, pathPrefix)) {
+    for (const DirectoryEntry &listed : descent.Admitted(listing, *directory, pathPrefix)) {
         QString childPath;
-        childPath.reserve(pathPrefix.size() + name.size());
+        childPath.reserve(pathPrefix.size() + listed.name.size());
         childPath.append(pathPrefix);
-        const bool representable = AppendName(childPath, name, utf8);
-        Entry child { childPath, childPath, 0, false };
+        const bool representable = AppendName(childPath, listed.name, utf8);
+        Entry child { childPath, childPath, 0, listed.type == EntryType::Directory };
         if (!representable) {
             markUnreadable(std::move(child), EILSEQ, out);
             continue;
         }
-        // The look that measures the batch, through links as QFileInfo
-        // looks; a name gone since the listing is passed over.
-        struct stat status;
-        if (::fstatat(directory.fd(), name.constData(), &status, 0) != 0)
+        if (child.isDir && childDepth != 0) {
+            collectInto(std::move(child), out, childDepth, descent);
             continue;
-        child.isDir = S_ISDIR(status.st_mode);
-        child.size = status.st_size;
-        collectInto(std::move(child), out, childDepth, descent);
+        }
+        // Taken as it is, and measured as QFileInfo would, through links.
+        if (readError(child.path) == 0)
+            descent.measurer.measure(directory, listed.name, out.size());
+        out.push_back(std::move(child));
     }
     descent.Leave();
     // A directory that gave no entry (empty, hidden entries only, or only

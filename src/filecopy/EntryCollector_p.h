@@ -31,7 +31,9 @@
 //
 // Each entry comes with what the one look the collector took at it told, so
 // that the collection looks at a file only once, relative to the directory
-// it lists.
+// it lists. A directory's entries are typed by its listing; its files are
+// measured by a FileMeasurer, which may look at them on another thread, and
+// are complete when collect() returns.
 class EntryCollector
 {
 public:

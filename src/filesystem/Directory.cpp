@@ -42,18 +42,33 @@ struct DirCloser
     void operator()(DIR *stream) const { ::closedir(stream); }
 };
 
+// Each name is decoded and lower-cased once, not at every comparison.
+template<typename Item, typename NameOf>
+void sortByNameIgnoringCase(std::vector<Item> &items, NameOf nameOf)
+{
+    std::vector<std::pair<QString, Item>> keyed;
+    keyed.reserve(items.size());
+    for (Item &item : items)
+        keyed.emplace_back(QFile::decodeName(nameOf(item)).toLower(), std::move(item));
+    std::sort(keyed.begin(), keyed.end(), [nameOf](const auto &a, const auto &b) {
+        return a.first < b.first || (a.first == b.first && nameOf(a.second) < nameOf(b.second));
+    });
+    for (std::size_t i = 0; i < items.size(); ++i)
+        items[i] = std::move(keyed[i].second);
+}
+
 } // namespace
 
 void sortIgnoringCase(std::vector<QByteArray> &names)
 {
-    // Each name is decoded and lower-cased once, not at every comparison.
-    std::vector<std::pair<QString, QByteArray>> keyed;
-    keyed.reserve(names.size());
-    for (QByteArray &name : names)
-        keyed.emplace_back(QFile::decodeName(name).toLower(), std::move(name));
-    std::sort(keyed.begin(), keyed.end());
-    for (std::size_t i = 0; i < names.size(); ++i)
-        names[i] = std::move(keyed[i].second);
+    sortByNameIgnoringCase(names,
+                           [](const QByteArray &name) -> const QByteArray & { return name; });
+}
+
+void sortIgnoringCase(std::vector<DirectoryEntry> &entries)
+{
+    sortByNameIgnoringCase(
+            entries, [](const DirectoryEntry &entry) -> const QByteArray & { return entry.name; });
 }
 
 Directory::Directory(int fd) : m_fd(fd)

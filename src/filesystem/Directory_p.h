@@ -42,6 +42,7 @@ enum class Listed { Directory, File, LeftOut, Gone };
 // Sorts names ignoring case, as QDir::Name | QDir::IgnoreCase sorts; names
 // equal but for case in byte order, so that the order is always the same.
 void sortIgnoringCase(std::vector<QByteArray> &names);
+void sortIgnoringCase(std::vector<DirectoryEntry> &entries);
 
 // An open directory, known by its descriptor and closed when the object
 // ends. Everything below it is reached relative to the descriptor, so a

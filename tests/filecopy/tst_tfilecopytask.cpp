@@ -6,9 +6,11 @@
 
 #include <QThread>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>
+#include <numeric>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -54,6 +56,8 @@ private slots:
     void batches();
     void plan_data();
     void plan();
+    void manyFiles_data();
+    void manyFiles();
 };
 
 // A row creates a tree (see MakeTree()) in a temporary directory, runs its
@@ -445,6 +449,81 @@ void tst_TFileCopyTask::plan()
     QVERIFY(TFileCopyTask::DestinationPath(QFileInfo(QStringLiteral("/elsewhere/t/b.txt")),
                                            srcPrefix, destPrefix)
                     .isNull());
+}
+
+// Directories large enough to be measured while they are listed: every file
+// counts at its size, a link at its target's, and the running percentages
+// follow the bytes copied in copying order.
+void tst_TFileCopyTask::manyFiles_data()
+{
+    QTest::addColumn<int>("depth");
+    QTest::newRow("one item") << 0; // copied in listing order
+    QTest::newRow("an item a file") << 100; // the last item first
+}
+
+void tst_TFileCopyTask::manyFiles()
+{
+    QFETCH(int, depth);
+    QTemporaryDir tmp;
+    const QDir src(tmp.path() + QStringLiteral("/src"));
+    // In each directory a run of files, a link, a subdirectory and another
+    // run of files, in that listing order.
+    QStringList listed;
+    QList<qint64> sizes;
+    const auto makeFile = [&](const QString &path) {
+        const qint64 size = 100 + 7 * sizes.size();
+        QVERIFY(src.mkpath(QFileInfo(src.filePath(path)).path()));
+        QFile file(src.filePath(path));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        QCOMPARE(file.write(QByteArray(int(size), 'x')), size);
+        listed << path;
+        sizes << size;
+    };
+    for (const QString &dir : { QStringLiteral("t/d0"), QStringLiteral("t/d1") }) {
+        for (int i = 0; i < 35; ++i)
+            makeFile(dir + QStringLiteral("/a%1").arg(i, 2, 10, QLatin1Char('0')));
+        QVERIFY(QFile::link(QStringLiteral("a07"), src.filePath(dir + QStringLiteral("/lnk"))));
+        listed << dir + QStringLiteral("/lnk");
+        sizes << sizes.at(sizes.size() - 35 + 7);
+        for (int i = 0; i < 40; ++i)
+            makeFile(dir + QStringLiteral("/m/b%1").arg(i, 2, 10, QLatin1Char('0')));
+        for (int i = 0; i < 35; ++i)
+            makeFile(dir + QStringLiteral("/z%1").arg(i, 2, 10, QLatin1Char('0')));
+    }
+    if (depth != 0) {
+        std::reverse(listed.begin(), listed.end());
+        std::reverse(sizes.begin(), sizes.end());
+    }
+    const qint64 total = std::accumulate(sizes.cbegin(), sizes.cend(), qint64(0));
+    // Each file's one report comes before it counts as copied.
+    QStringList expected { QStringLiteral("P 0 0") };
+    qint64 done = 0;
+    for (int copied = 0; copied < sizes.size(); ++copied) {
+        done += sizes.at(copied);
+        const int percent = std::min(99, qRound(double(done) / double(total) * 100.0));
+        expected << QStringLiteral("P %1 %2").arg(percent).arg(copied)
+                 << QStringLiteral("F ") + listed.at(copied);
+    }
+    expected << QStringLiteral("P 100 %1").arg(sizes.size());
+
+    TFileCopyTask task(TFileCopyTask::OverwriteAll);
+    QStringList received;
+    QObject::connect(&task, &TFileCopyTask::Progress, [&](int percent, int copied, int skipped) {
+        received << QStringLiteral("P %1 %2").arg(percent).arg(copied);
+        QCOMPARE(skipped, 0);
+    });
+    QObject::connect(&task, &TFileCopyTask::FileCopied, [&](const QFileInfo &file) {
+        received << QStringLiteral("F ") + src.relativeFilePath(file.absoluteFilePath());
+    });
+    QSignalSpy finished(&task, &TFileCopyTask::State);
+    task.CopyFiles({ QFileInfo(src.filePath(QStringLiteral("t"))) }, QRegExp::escape(src.path()),
+                   tmp.path() + QStringLiteral("/dst"), depth);
+    QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 60000);
+    QCOMPARE(finished.at(0).at(0).toInt(), int(TFileCopyTask::StateFinished));
+    QCOMPARE(received, expected);
+    for (int i = 0; i < listed.size(); ++i)
+        QCOMPARE(QFileInfo(tmp.path() + QStringLiteral("/dst/") + listed.at(i)).size(),
+                 sizes.at(i));
 }
 
 QTEST_GUILESS_MAIN(tst_TFileCopyTask)

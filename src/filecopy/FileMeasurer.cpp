@@ -1,0 +1,53 @@
+#include "FileMeasurer_p.h"
+
+#include <QThread>
+
+#include <utility>
+
+#include <sys/stat.h>
+
+void FileMeasurer::measure(const std::shared_ptr<const Directory> &directory,
+                           const QByteArray &name, std::size_t key)
+{
+    if (m_gathering.directory != directory) {
+        handOver();
+        m_gathering.directory = directory;
+    }
+    m_gathering.names.push_back(name);
+    m_gathering.keys.push_back(key);
+}
+
+std::vector<FileMeasurer::Size> FileMeasurer::finish()
+{
+    handOver();
+    m_thread.reset();
+    return std::exchange(m_found, {});
+}
+
+// Hands the gathered batch over to the thread, or looks at it here.
+void FileMeasurer::handOver()
+{
+    Batch batch = std::exchange(m_gathering, {});
+    if (batch.names.empty())
+        return;
+    if (!m_thread && batch.names.size() >= MinFilesForThread && QThread::idealThreadCount() > 1)
+        m_thread.emplace(1, MaxWaitingDirectories,
+                         [this](const Batch &handedOver) { look(handedOver); });
+    // With the thread behind, the walk looks for itself rather than wait.
+    if (!m_thread || !m_thread->handOver(batch, JobPool<Batch>::WhenFull::Refuse))
+        look(batch);
+}
+
+void FileMeasurer::look(const Batch &batch)
+{
+    std::vector<Size> found;
+    found.reserve(batch.names.size());
+    for (std::size_t i = 0; i < batch.names.size(); ++i) {
+        struct stat status;
+        const bool there
+                = ::fstatat(batch.directory->fd(), batch.names[i].constData(), &status, 0) == 0;
+        found.push_back({ batch.keys[i], there ? qint64(status.st_size) : -1 });
+    }
+    const std::lock_guard<std::mutex> lock(m_foundMutex);
+    m_found.insert(m_found.end(), found.cbegin(), found.cend());
+}
