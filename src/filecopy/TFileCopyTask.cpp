@@ -321,10 +321,11 @@ void TFileCopyTask::Run()
     }
 
     bool stopped = false;
+    EntryCollector::Entries entries; // the current item's, in one buffer for all
     while (d->state == StateCopying) {
         const DestinationPrefix prefix(d->EffectivePrefix());
         const EntryCollector::Entry &measured = d->pending.back();
-        EntryCollector::Entries entries;
+        entries.clear();
         bool skip = false;
         if (!ConflictMatters(d->fileExistsAction) && !measured.isDir) {
             // A file that only has to be copied is copied as the batch

@@ -49,6 +49,10 @@ class TFileCopyTaskPrivate;
     FileCopied() when its copy is complete, possibly before that flush; the
     pass reports its State() only when every file it copied is flushed. As
     with the single-file copy, the results of the flushes are not looked at.
+    While a batch or an item is listed, on a machine with more than one
+    processor, one more thread of the pass's own measures the files of
+    directories listed (one look at each), so that listing and measuring
+    go on together; it ends before the listing returns.
 
     \section1 Paths
 
