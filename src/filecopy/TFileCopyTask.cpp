@@ -325,9 +325,10 @@ void TFileCopyTask::Run()
     while (d->state == StateCopying) {
         const DestinationPrefix prefix(d->EffectivePrefix());
         const EntryCollector::Entry &measured = d->pending.back();
+        const bool conflictMatters = ConflictMatters(d->fileExistsAction);
         entries.clear();
         bool skip = false;
-        if (!ConflictMatters(d->fileExistsAction) && !measured.isDir) {
+        if (!conflictMatters && !measured.isDir) {
             // A file that only has to be copied is copied as the batch
             // measured it: the copy finds out for itself whether it is
             // still there.
@@ -335,8 +336,7 @@ void TFileCopyTask::Run()
         } else {
             // Any other item is looked at anew.
             const QFileInfo item = measured.info();
-            if (ConflictMatters(d->fileExistsAction)
-                && !prefix.existingDestination(item, d->srcPattern).isNull()) {
+            if (conflictMatters && !prefix.existingDestination(item, d->srcPattern).isNull()) {
                 if (d->fileExistsAction == Ask)
                     d->state = StateFileExists;
                 else

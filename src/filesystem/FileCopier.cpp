@@ -167,16 +167,16 @@ bool copyFrom(Source &source, int destDir, const QByteArray &destName,
 struct PathParts
 {
     std::string_view directory; // "/" at the root, "." for a name alone
-    const char *name;
+    std::string_view name;
 };
 
 PathParts splitPath(const QByteArray &path)
 {
-    const int slash = path.lastIndexOf('/');
-    const char *const data = path.constData();
-    if (slash < 0)
-        return { ".", data };
-    return { std::string_view(data, slash == 0 ? 1 : std::size_t(slash)), data + slash + 1 };
+    const std::string_view whole(path.constData(), std::size_t(path.size()));
+    const std::size_t slash = whole.rfind('/');
+    if (slash == std::string_view::npos)
+        return { ".", whole };
+    return { whole.substr(0, slash == 0 ? 1 : slash), whole.substr(slash + 1) };
 }
 
 } // namespace
@@ -241,13 +241,17 @@ bool FileCopier::copy(const QByteArray &sourcePath, const QByteArray &destPath,
         const int sourceDir
                 = kept ? directories.source.open(source.directory, MissingDirectory::Fail) : -1;
         Source file(sourceDir >= 0 ? sourceDir : AT_FDCWD,
-                    sourceDir >= 0 ? source.name : sourcePath.constData());
+                    sourceDir >= 0 ? source.name.data() : sourcePath.constData());
         // Before the destination's directory is made, where a source that
         // cannot be opened must leave the destination as it is.
         if (file.endsCopy(options))
             return false;
         const int destDir = directories.destination.open(dest.directory, missing);
-        return destDir >= 0 && copyFrom(file, destDir, QByteArray(dest.name), options);
+        // The name read where it stands in destPath, which outlives the copy.
+        return destDir >= 0
+                && copyFrom(file, destDir,
+                            QByteArray::fromRawData(dest.name.data(), int(dest.name.size())),
+                            options);
     };
     if (copyOnce())
         return true;
