@@ -20,6 +20,13 @@ void FileMeasurer::measure(const std::shared_ptr<const Directory> &directory,
 std::vector<FileMeasurer::Size> FileMeasurer::finish()
 {
     handOver();
+    if (m_thread) {
+        // The walk is over: it looks at what still waits alongside the
+        // thread, rather than wait for the thread to get through it alone.
+        Batch waiting;
+        while (m_thread->takeWaiting(waiting))
+            look(waiting);
+    }
     m_thread.reset();
     return std::exchange(m_found, {});
 }

@@ -22,7 +22,8 @@
 // Runs jobs on threads of its own, so that whoever hands them over goes on
 // working. A thread is started when a job arrives while every thread there
 // is busy, up to maxThreads; at most maxWaiting jobs wait for one. The
-// destructor waits for every job handed over, then ends the threads.
+// destructor waits for every job handed over and not taken back, then ends
+// the threads.
 template<typename Job>
 class JobPool
 {
@@ -63,6 +64,21 @@ public:
         m_waiting.push_back(std::move(job));
         lock.unlock();
         m_work.notify_one();
+        return true;
+    }
+
+    // Takes the job handed over last that no thread has begun, for the
+    // caller to run itself, and true; false when none waits. An owner with
+    // nothing else to do helps rather than waits.
+    bool takeWaiting(Job &job)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_waiting.empty())
+            return false;
+        job = std::move(m_waiting.back());
+        m_waiting.pop_back();
+        lock.unlock();
+        m_idle.notify_all();
         return true;
     }
 
