@@ -85,8 +85,8 @@ bool AppendName(QString &path, const QByteArray &name, bool utf8)
 class EntryCollector::Descent
 {
 public:
-    Descent(const QFileInfo &root, const TFileCopyTask::LeftOutReceiver *leftOut)
-        : root(root), leftOut(leftOut)
+    Descent(const QFileInfo &root, const TFileCopyTask::LeftOutReceiver *leftOut, Sizes sizes)
+        : measures(sizes == Sizes::Measured), root(root), leftOut(leftOut)
     { }
 
     void LeaveOut(const QFileInfo &entry, LeftOutReason reason) const
@@ -122,7 +122,9 @@ public:
         return admitted;
     }
 
-    // The files the descent takes as they are, measured while it goes on.
+    // The files the descent takes as they are, measured while it goes on
+    // when sizes are wanted.
+    const bool measures;
     FileMeasurer measurer;
 
     bool AtRoot() const { return path.empty(); }
@@ -155,7 +157,7 @@ private:
 };
 
 void EntryCollector::collect(const QFileInfo &info, Entries &out, int depth,
-                             const TFileCopyTask::LeftOutReceiver *leftOut)
+                             const TFileCopyTask::LeftOutReceiver *leftOut, Sizes sizes)
 {
     if (readError(info) != 0) {
         out.push_back({ info.filePath(), absolutePath(info), 0, false });
@@ -165,13 +167,14 @@ void EntryCollector::collect(const QFileInfo &info, Entries &out, int depth,
     const bool isDir = info.isDir();
     if (!isDir && !info.exists())
         return;
-    collect({ info.filePath(), absolutePath(info), info.size(), isDir }, out, depth, leftOut);
+    collect({ info.filePath(), absolutePath(info), info.size(), isDir }, out, depth, leftOut,
+            sizes);
 }
 
 void EntryCollector::collect(const Entry &entry, Entries &out, int depth,
-                             const TFileCopyTask::LeftOutReceiver *leftOut)
+                             const TFileCopyTask::LeftOutReceiver *leftOut, Sizes sizes)
 {
-    Descent descent(entry.info(), leftOut);
+    Descent descent(entry.info(), leftOut, sizes);
     collectInto(entry, out, depth, descent);
     // A name gone since its listing is passed over.
     bool anyGone = false;
@@ -250,7 +253,7 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
             continue;
         }
         // Taken as it is, and measured as QFileInfo would, through links.
-        if (readError(child.path) == 0)
+        if (descent.measures && readError(child.path) == 0)
             descent.measurer.measure(directory, listed.name, out.size());
         out.push_back(std::move(child));
     }

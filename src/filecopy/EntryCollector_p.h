@@ -32,8 +32,8 @@
 // Each entry comes with what the one look the collector took at it told, so
 // that the collection looks at a file only once, relative to the directory
 // it lists. A directory's entries are typed by its listing; its files are
-// measured by a FileMeasurer, which may look at them on another thread, and
-// are complete when collect() returns.
+// measured, when sizes are wanted, by a FileMeasurer, which may look at them
+// on another thread, and are complete when collect() returns.
 class EntryCollector
 {
 public:
@@ -50,17 +50,25 @@ public:
     };
     using Entries = std::vector<Entry>;
 
+    // Whether the files a collection lists are measured. Sizes are wanted
+    // for a total and for what is skipped; a copy looks at each file itself
+    // and passes over one that is gone, so without them every file listed is
+    // an entry, of size 0.
+    enum class Sizes { Measured, NotNeeded };
+
     // Appends to out the entries of info, splitting directories down to
     // depth levels below info (all the way when negative). Nothing for an
     // info that names nothing, unless it was collected as unreadable. What
     // info has cached about its file is taken as it stands: hand over an
     // object that has not looked at it yet, or has just done so.
     void collect(const QFileInfo &info, Entries &out, int depth,
-                 const TFileCopyTask::LeftOutReceiver *leftOut = nullptr);
+                 const TFileCopyTask::LeftOutReceiver *leftOut = nullptr,
+                 Sizes sizes = Sizes::Measured);
 
     // The same for an entry collected moments ago, without another look.
     void collect(const Entry &entry, Entries &out, int depth,
-                 const TFileCopyTask::LeftOutReceiver *leftOut = nullptr);
+                 const TFileCopyTask::LeftOutReceiver *leftOut = nullptr,
+                 Sizes sizes = Sizes::Measured);
 
     // The entries' QFileInfo objects, as the task's public members give them.
     static QList<QFileInfo> infos(const Entries &entries);

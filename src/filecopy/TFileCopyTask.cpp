@@ -343,8 +343,9 @@ void TFileCopyTask::Run()
                     skip = true; // Skip or SkipAll
             }
             if (d->state == StateCopying)
-                d->collector.collect(item, entries, WorkItemDepth,
-                                     skip ? nullptr : &d->reportLeftOut);
+                d->collector.collect(
+                        item, entries, WorkItemDepth, skip ? nullptr : &d->reportLeftOut,
+                        skip ? EntryCollector::Sizes::Measured : EntryCollector::Sizes::NotNeeded);
         }
 
         if (d->state == StateCopying) {
