@@ -175,6 +175,7 @@ void EntryCollector::collect(const Entry &entry, Entries &out, int depth,
                              const TFileCopyTask::LeftOutReceiver *leftOut, Sizes sizes)
 {
     Descent descent(entry.info(), leftOut, sizes);
+    const auto collectedBefore = out.size();
     collectInto(entry, out, depth, descent);
     // A name gone since its listing is passed over.
     bool anyGone = false;
@@ -183,7 +184,7 @@ void EntryCollector::collect(const Entry &entry, Entries &out, int depth,
         anyGone = anyGone || size.bytes < 0;
     }
     if (anyGone)
-        out.erase(std::remove_if(out.begin(), out.end(),
+        out.erase(std::remove_if(out.begin() + collectedBefore, out.end(),
                                  [](const Entry &gone) { return gone.size < 0; }),
                   out.end());
 }

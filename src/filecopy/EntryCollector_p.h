@@ -15,7 +15,7 @@
 #include <QList>
 #include <QString>
 
-#include <vector>
+#include <deque>
 
 // Collects the entries a copy task copies: files, and directories that hold
 // nothing to copy, depth first in name order ignoring case. A listing admits
@@ -48,7 +48,9 @@ public:
         // QFileInfo is several times the size of the rest.
         QFileInfo info() const { return QFileInfo(filePath); }
     };
-    using Entries = std::vector<Entry>;
+    // A collection can hold a whole tree: as it grows, what it holds stays
+    // where it is, so no entry is moved and no memory is touched twice.
+    using Entries = std::deque<Entry>;
 
     // Whether the files a collection lists are measured. Sizes are wanted
     // for a total and for what is skipped; a copy looks at each file itself

@@ -67,23 +67,27 @@ public:
         bytesTotal = 0;
         pending.clear();
         collector.clear();
+        const auto unmatched = [this](const EntryCollector::Entry &item) {
+            return srcPattern.matchedLength(item.path) < 0;
+        };
         for (const QFileInfo &source : std::as_const(sources)) {
-            EntryCollector::Entries items;
-            collector.collect(source, items, depth, &reportLeftOut);
-            for (EntryCollector::Entry &item : items) {
-                if (srcPattern.matchedLength(item.path) < 0)
-                    continue;
+            // Collected straight into the list, which can be long: what the
+            // pattern does not match is taken out again.
+            const auto first = pending.size();
+            collector.collect(source, pending, depth, &reportLeftOut);
+            pending.erase(std::remove_if(pending.begin() + first, pending.end(), unmatched),
+                          pending.end());
+            for (auto item = pending.cbegin() + first; item != pending.cend(); ++item) {
                 // The item was looked at moments ago; only a directory's
                 // size needs another look, at its contents.
-                if (!item.isDir) {
-                    bytesTotal += item.size;
+                if (!item->isDir) {
+                    bytesTotal += item->size;
                 } else {
                     EntryCollector::Entries entries;
-                    collector.collect(item, entries, WorkItemDepth);
+                    collector.collect(*item, entries, WorkItemDepth);
                     for (const EntryCollector::Entry &entry : entries)
                         bytesTotal += entry.size;
                 }
-                pending.push_back(std::move(item));
             }
         }
         bytesDone = 0;
