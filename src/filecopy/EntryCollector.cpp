@@ -178,12 +178,7 @@ void EntryCollector::collect(const Entry &entry, Entries &out, int depth,
     const auto collectedBefore = out.size();
     collectInto(entry, out, depth, descent);
     // A name gone since its listing is passed over.
-    bool anyGone = false;
-    for (const FileMeasurer::Size &size : descent.measurer.finish()) {
-        out[size.key].size = size.bytes;
-        anyGone = anyGone || size.bytes < 0;
-    }
-    if (anyGone)
+    if (descent.measurer.finish())
         out.erase(std::remove_if(out.begin() + collectedBefore, out.end(),
                                  [](const Entry &gone) { return gone.size < 0; }),
                   out.end());
@@ -254,9 +249,9 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
             continue;
         }
         // Taken as it is, and measured as QFileInfo would, through links.
-        if (descent.measures && readError(child.path) == 0)
-            descent.measurer.measure(directory, listed.name, out.size());
         out.push_back(std::move(child));
+        if (descent.measures && readError(out.back().path) == 0)
+            descent.measurer.measure(directory, listed.name, &out.back().size);
     }
     descent.Leave();
     // A directory that gave no entry (empty, hidden entries only, or only

@@ -49,7 +49,8 @@ public:
         QFileInfo info() const { return QFileInfo(filePath); }
     };
     // A collection can hold a whole tree: as it grows, what it holds stays
-    // where it is, so no entry is moved and no memory is touched twice.
+    // where it is, so no entry is moved and no memory is touched twice, and
+    // a file's size can be measured into its entry while the walk goes on.
     using Entries = std::deque<Entry>;
 
     // Whether the files a collection lists are measured. Sizes are wanted

@@ -7,17 +7,17 @@
 #include <sys/stat.h>
 
 void FileMeasurer::measure(const std::shared_ptr<const Directory> &directory,
-                           const QByteArray &name, std::size_t key)
+                           const QByteArray &name, qint64 *size)
 {
     if (m_gathering.directory != directory) {
         handOver();
         m_gathering.directory = directory;
     }
     m_gathering.names.push_back(name);
-    m_gathering.keys.push_back(key);
+    m_gathering.sizes.push_back(size);
 }
 
-std::vector<FileMeasurer::Size> FileMeasurer::finish()
+bool FileMeasurer::finish()
 {
     handOver();
     if (m_thread) {
@@ -28,7 +28,7 @@ std::vector<FileMeasurer::Size> FileMeasurer::finish()
             look(waiting);
     }
     m_thread.reset();
-    return std::exchange(m_found, {});
+    return m_anyGone.exchange(false);
 }
 
 // Hands the gathered batch over to the thread, or looks at it here.
@@ -47,14 +47,12 @@ void FileMeasurer::handOver()
 
 void FileMeasurer::look(const Batch &batch)
 {
-    std::vector<Size> found;
-    found.reserve(batch.names.size());
     for (std::size_t i = 0; i < batch.names.size(); ++i) {
         struct stat status;
         const bool there
                 = ::fstatat(batch.directory->fd(), batch.names[i].constData(), &status, 0) == 0;
-        found.push_back({ batch.keys[i], there ? qint64(status.st_size) : -1 });
+        *batch.sizes[i] = there ? qint64(status.st_size) : -1;
+        if (!there)
+            m_anyGone = true;
     }
-    const std::lock_guard<std::mutex> lock(m_foundMutex);
-    m_found.insert(m_found.end(), found.cbegin(), found.cend());
 }

@@ -13,9 +13,9 @@
 
 #include <QByteArray>
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -40,40 +40,33 @@ public:
     // more than it saves.
     static constexpr std::size_t MinFilesForThread = 32;
 
-    // What a look found: the size of the file asked for under key, or -1
-    // for a name gone since its listing.
-    struct Size
-    {
-        std::size_t key;
-        qint64 bytes;
-    };
-
     FileMeasurer() = default;
     FileMeasurer(const FileMeasurer &) = delete;
     FileMeasurer &operator=(const FileMeasurer &) = delete;
 
-    // Asks for a look at name in directory, answered under key.
+    // Asks for a look at name in directory, whose size goes to *size, -1
+    // for a name gone since its listing. *size must stay where it is, and
+    // be left alone, until finish() returns.
     void measure(const std::shared_ptr<const Directory> &directory, const QByteArray &name,
-                 std::size_t key);
+                 qint64 *size);
 
-    // Waits for every look asked for and gives what they found, in no
-    // particular order. The measurer may be used again afterwards.
-    std::vector<Size> finish();
+    // Waits for every look asked for; true when a name was gone. The
+    // measurer may be used again afterwards.
+    bool finish();
 
 private:
     struct Batch
     {
         std::shared_ptr<const Directory> directory;
         std::vector<QByteArray> names;
-        std::vector<std::size_t> keys;
+        std::vector<qint64 *> sizes;
     };
 
     void handOver();
     void look(const Batch &batch);
 
     Batch m_gathering; // the files of the directory the walk is in
-    std::mutex m_foundMutex;
-    std::vector<Size> m_found; // guarded by m_foundMutex
+    std::atomic<bool> m_anyGone { false };
     // Made for the first directory that has MinFilesForThread files; ends,
     // waiting for its looks, before what they found is read.
     std::optional<JobPool<Batch>> m_thread;
