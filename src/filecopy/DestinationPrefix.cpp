@@ -1,6 +1,5 @@
 #include "DestinationPrefix_p.h"
 
-#include "EntryCollector_p.h"
 #include "SourcePattern_p.h"
 
 #include <Trellis/TFileSystemHelper.h>

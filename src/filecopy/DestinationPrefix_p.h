@@ -8,6 +8,8 @@
 #ifndef TRELLIS_DESTINATIONPREFIX_P_H
 #define TRELLIS_DESTINATIONPREFIX_P_H
 
+#include "EntryCollector_p.h"
+
 #include <QFileInfo>
 #include <QString>
 
@@ -27,6 +29,11 @@ public:
     QString For(const QString &path) const
     {
         return m_hasPlaceMarker ? m_text.arg(QFileInfo(path).completeBaseName()) : m_text;
+    }
+    // The same for an entry, whose path is made only when the prefix needs it.
+    QString For(const EntryCollector::Entry &entry) const
+    {
+        return m_hasPlaceMarker ? For(entry.filePath()) : m_text;
     }
 
     // What exists at the destination of item, its source prefix matched by

@@ -77,6 +77,36 @@ bool AppendName(QString &path, const QByteArray &name, bool utf8)
 
 } // namespace
 
+// What the paths of entries are made of.
+struct EntryCollector::Place
+{
+    QString filePath; // an entry named by its path: that path, as given
+    // That entry's absolute, clean path; a listing's: the listed
+    // directory's, ending in a slash.
+    QString path;
+    QString names; // a listing's: the names it admitted, one after the other
+};
+
+EntryCollector::Entry::Entry(const QString &filePath, const QString &path, qint64 size, bool isDir)
+    : size(size), isDir(isDir), m_place(std::make_shared<const Place>(Place { filePath, path, {} }))
+{ }
+
+QString EntryCollector::Entry::filePath() const
+{
+    return m_nameSize == 0 ? m_place->filePath : path();
+}
+
+QString EntryCollector::Entry::path() const
+{
+    // A listed name is never empty.
+    if (m_nameSize == 0)
+        return m_place->path;
+    QString path;
+    path.reserve(m_place->path.size() + m_nameSize);
+    path.append(m_place->path).append(m_place->names.constData() + m_nameAt, m_nameSize);
+    return path;
+}
+
 // One collection's walk: what it admits, where what it leaves out goes, and
 // the directories it must not enter: those on its way down from its root,
 // and those above the root. Each of them contains the directory being
@@ -160,14 +190,14 @@ void EntryCollector::collect(const QFileInfo &info, Entries &out, int depth,
                              const TFileCopyTask::LeftOutReceiver *leftOut, Sizes sizes)
 {
     if (readError(info) != 0) {
-        out.push_back({ info.filePath(), absolutePath(info), 0, false });
+        out.emplace_back(info.filePath(), absolutePath(info), 0, false);
         return;
     }
     // One look at the root answers every question.
     const bool isDir = info.isDir();
     if (!isDir && !info.exists())
         return;
-    collect({ info.filePath(), absolutePath(info), info.size(), isDir }, out, depth, leftOut,
+    collect(Entry(info.filePath(), absolutePath(info), info.size(), isDir), out, depth, leftOut,
             sizes);
 }
 
@@ -197,7 +227,7 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
 {
     // Checked first: the path of a name that could not be represented may
     // well name another file.
-    if (readError(entry.path) != 0) {
+    if (readError(entry) != 0) {
         out.push_back(std::move(entry));
         return;
     }
@@ -207,7 +237,7 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
     }
 
     const auto directory
-            = std::make_shared<const Directory>(Directory::open(QFile::encodeName(entry.path)));
+            = std::make_shared<const Directory>(Directory::open(QFile::encodeName(entry.path())));
     if (!directory->isOpen()) {
         if (errno != ENOENT && errno != ENOTDIR) // not gone meanwhile
             markUnreadable(std::move(entry), errno, out);
@@ -229,17 +259,23 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
     // A negative depth never reaches 0; it is kept as it is rather than
     // counted down towards an overflow.
     const int childDepth = depth > 0 ? depth - 1 : depth;
-    const QString &path = entry.path;
-    const QString pathPrefix = path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
+    const QString path = entry.path();
+    // What the paths of its entries are made of: its own, and their names.
+    const auto place = std::make_shared<Place>();
+    place->path = path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
     const std::size_t collectedBefore = out.size();
     descent.Enter(id);
+    const std::vector<DirectoryEntry> admitted = descent.Admitted(listing, *directory, place->path);
+    int namesSize = 0;
+    for (const DirectoryEntry &listed : admitted)
+        namesSize += listed.name.size();
+    place->names.reserve(namesSize);
     const bool utf8 = LocaleIsUtf8();
-    for (const DirectoryEntry &listed : descent.Admitted(listing, *directory, pathPrefix)) {
-        QString childPath;
-        childPath.reserve(pathPrefix.size() + listed.name.size());
-        childPath.append(pathPrefix);
-        const bool representable = AppendName(childPath, listed.name, utf8);
-        Entry child { childPath, childPath, 0, listed.type == EntryType::Directory };
+    for (const DirectoryEntry &listed : admitted) {
+        const int nameAt = place->names.size();
+        const bool representable = AppendName(place->names, listed.name, utf8);
+        Entry child(place, quint32(nameAt), quint16(place->names.size() - nameAt),
+                    listed.type == EntryType::Directory);
         if (!representable) {
             markUnreadable(std::move(child), EILSEQ, out);
             continue;
@@ -250,7 +286,7 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
         }
         // Taken as it is, and measured as QFileInfo would, through links.
         out.push_back(std::move(child));
-        if (descent.measures && readError(out.back().path) == 0)
+        if (descent.measures && readError(out.back()) == 0)
             descent.measurer.measure(directory, listed.name, &out.back().size);
     }
     descent.Leave();
@@ -262,7 +298,7 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
 
 void EntryCollector::markUnreadable(Entry entry, int error, Entries &out)
 {
-    m_unreadable.insert(entry.path, error != 0 ? error : EIO);
+    m_unreadable.insert(entry.path(), error != 0 ? error : EIO);
     entry.size = 0;
     out.push_back(std::move(entry));
 }

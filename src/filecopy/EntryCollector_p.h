@@ -16,6 +16,7 @@
 #include <QString>
 
 #include <deque>
+#include <memory>
 
 // Collects the entries a copy task copies: files, and directories that hold
 // nothing to copy, depth first in name order ignoring case. A listing admits
@@ -36,21 +37,44 @@
 // on another thread, and are complete when collect() returns.
 class EntryCollector
 {
+    struct Place;
+
 public:
-    struct Entry
+    // An entry holds its paths in the form that costs least: its name, and
+    // the place it was listed in, which the entries of one listing share. A
+    // batch can hold a whole tree, and most of its entries are asked for
+    // their paths once, when they are copied.
+    class Entry
     {
-        QString filePath; // as given for a root, absolute below it
-        QString path; // absolute and clean: absolutePath() of filePath
+    public:
+        // An entry named by its path: filePath as given, path absolute and
+        // clean.
+        Entry(const QString &filePath, const QString &path, qint64 size, bool isDir);
+
+        QString filePath() const; // as given for a root, absolute below it
+        QString path() const; // absolute and clean: absolutePath() of filePath()
+
+        // Made when asked for: a QFileInfo is several times the size of an
+        // entry.
+        QFileInfo info() const { return QFileInfo(filePath()); }
+
         qint64 size; // the file's st_size at the look; 0 when unreadable
         bool isDir;
 
-        // Made when asked for: a collection holds many entries, and a
-        // QFileInfo is several times the size of the rest.
-        QFileInfo info() const { return QFileInfo(filePath); }
+    private:
+        friend class EntryCollector;
+        Entry(std::shared_ptr<const Place> place, quint32 nameAt, quint16 nameSize, bool isDir)
+            : size(0), isDir(isDir), m_place(std::move(place)), m_nameAt(nameAt),
+              m_nameSize(nameSize)
+        { }
+
+        std::shared_ptr<const Place> m_place;
+        quint32 m_nameAt = 0; // in the place's names
+        quint16 m_nameSize = 0; // 0 for an entry named by its path
     };
-    // A collection can hold a whole tree: as it grows, what it holds stays
-    // where it is, so no entry is moved and no memory is touched twice, and
-    // a file's size can be measured into its entry while the walk goes on.
+    // As a collection grows, what it holds stays where it is, so no entry
+    // is moved and no memory is touched twice, and a file's size can be
+    // measured into its entry while the walk goes on.
     using Entries = std::deque<Entry>;
 
     // Whether the files a collection lists are measured. Sizes are wanted
@@ -80,6 +104,10 @@ public:
     int readError(const QFileInfo &entry) const
     {
         return m_unreadable.isEmpty() ? 0 : readError(absolutePath(entry));
+    }
+    int readError(const Entry &entry) const
+    {
+        return m_unreadable.isEmpty() ? 0 : readError(entry.path());
     }
     // The same for an entry's absolute, clean path.
     int readError(const QString &path) const { return m_unreadable.value(path); }

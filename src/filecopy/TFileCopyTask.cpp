@@ -68,7 +68,7 @@ public:
         pending.clear();
         collector.clear();
         const auto unmatched = [this](const EntryCollector::Entry &item) {
-            return srcPattern.matchedLength(item.path) < 0;
+            return srcPattern.matchedLength(item.path()) < 0;
         };
         for (const QFileInfo &source : std::as_const(sources)) {
             // Collected straight into the list, which can be long: what the
@@ -97,7 +97,8 @@ public:
     // Copies an entry and tells of it; false when it failed.
     bool CopyEntry(const EntryCollector::Entry &entry, const DestinationPrefix &prefix)
     {
-        if (Copy(entry.path, srcPattern, prefix.For(entry.filePath))) {
+        const QString source = entry.path();
+        if (Copy(source, srcPattern, prefix.For(entry))) {
             ++filesCopied;
             // Made only for a receiver, and for this entry alone, so that no
             // receiver in another thread shares its cache with the pass.
@@ -110,7 +111,7 @@ public:
         // Gone before its copy, which left its destination alone: passed
         // over as a vanished work item is.
         const int error = errno;
-        if (error == ENOENT && !QFileInfo::exists(entry.path))
+        if (error == ENOENT && !QFileInfo::exists(source))
             return true;
         emit notifier->EntryFailed(entry.info(), error);
         return false;

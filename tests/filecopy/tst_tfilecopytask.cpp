@@ -432,13 +432,18 @@ void tst_TFileCopyTask::plan()
     const QString destPrefix = tmp.path() + QStringLiteral("/dst/%1");
     QCOMPARE(TFileCopyTask::DestinationPath(allEntries.constFirst(), srcPrefix, destPrefix),
              tmp.path() + QStringLiteral("/dst/x/t/A/x.txt"));
-    // Every spelling of a path leads where its absolute, clean form leads.
+    // Every spelling of a path leads where its absolute, clean form leads,
+    // and a file's work item is the file as it was spelled.
     for (const QString &spelling :
          { src.path() + QStringLiteral("/./t/b.txt"), src.path() + QStringLiteral("//t//b.txt"),
            src.path() + QStringLiteral("/t/A/../b.txt"),
-           QDir::current().relativeFilePath(src.filePath(QStringLiteral("t/b.txt"))) })
+           QDir::current().relativeFilePath(src.filePath(QStringLiteral("t/b.txt"))) }) {
         QCOMPARE(TFileCopyTask::DestinationPath(QFileInfo(spelling), srcPrefix, destPrefix),
                  tmp.path() + QStringLiteral("/dst/b/t/b.txt"));
+        const QList<QFileInfo> spelled = TFileCopyTask::WorkItems(QFileInfo(spelling), depth);
+        QCOMPARE(spelled.size(), 1);
+        QCOMPARE(spelled.constFirst().filePath(), spelling);
+    }
     // A conflict, as a pass tests it: a file also under its written name.
     MakeTree(tmp.path(), QStringLiteral("src/t/B.TXT=new"));
     const QFileInfo upper(src.filePath(QStringLiteral("t/B.TXT")));
