@@ -52,21 +52,13 @@ LeftOutReason ReasonFor(const Directory &directory, const QByteArray &name)
     return TFileCopyNotifier::Device;
 }
 
-// Whether file names are encoded in UTF-8, which passes ASCII through
-// unchanged both ways; asked once a listing, since an application may
-// change the locale's codec.
-bool LocaleIsUtf8()
-{
-    return QFile::encodeName(QStringLiteral("\u00e9")) == "\xc3\xa9";
-}
-
 // Appends the listed name to path as text; false when the text would not
 // name it again, as with bytes the locale's encoding cannot represent. An
 // ASCII name, most of them, needs neither the codec nor the way back under
 // UTF-8.
 bool AppendName(QString &path, const QByteArray &name, bool utf8)
 {
-    if (utf8 && std::all_of(name.cbegin(), name.cend(), [](char c) { return uchar(c) < 0x80; })) {
+    if (utf8 && isAscii(name)) {
         path.append(QLatin1String(name));
         return true;
     }
@@ -270,7 +262,7 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
     for (const DirectoryEntry &listed : admitted)
         namesSize += listed.name.size();
     place->names.reserve(namesSize);
-    const bool utf8 = LocaleIsUtf8();
+    const bool utf8 = localeIsUtf8();
     for (const DirectoryEntry &listed : admitted) {
         const int nameAt = place->names.size();
         const bool representable = AppendName(place->names, listed.name, utf8);

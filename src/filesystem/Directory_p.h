@@ -10,6 +10,7 @@
 
 #include <QByteArray>
 
+#include <algorithm>
 #include <vector>
 
 #include <sys/stat.h>
@@ -30,6 +31,16 @@ struct DirectoryEntry
 inline bool isHiddenName(const QByteArray &name)
 {
     return name.startsWith('.');
+}
+
+// Whether file names are encoded in UTF-8, which passes ASCII through
+// unchanged both ways. Asked anew each time: an application may change the
+// locale's codec.
+bool localeIsUtf8();
+
+inline bool isAscii(const QByteArray &name)
+{
+    return std::all_of(name.cbegin(), name.cend(), [](char c) { return uchar(c) < 0x80; });
 }
 
 // What a walk by the rules of a Qt directory listing (QDir::Dirs |

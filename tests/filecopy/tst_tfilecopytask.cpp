@@ -56,6 +56,8 @@ private slots:
     void batches();
     void plan_data();
     void plan();
+    void listingOrder_data();
+    void listingOrder();
     void manyFiles_data();
     void manyFiles();
 };
@@ -454,6 +456,34 @@ void tst_TFileCopyTask::plan()
     QVERIFY(TFileCopyTask::DestinationPath(QFileInfo(QStringLiteral("/elsewhere/t/b.txt")),
                                            srcPrefix, destPrefix)
                     .isNull());
+}
+
+// Work items come in the order of a Qt listing sorted by name ignoring
+// case. Names equal but for case are left out: Qt leaves their order open.
+void tst_TFileCopyTask::listingOrder_data()
+{
+    QTest::addColumn<QString>("names");
+    QTest::newRow("ASCII") << QStringLiteral("b a Z _x [c] ~t z1 Ab a-b a.B a~ a_ 10 9 A1 @ ` {");
+    QTest::newRow("not all ASCII") << QStringLiteral("b \u00e9 \u00c4 e f a \u00df Z \u00e0 Ab");
+}
+
+void tst_TFileCopyTask::listingOrder()
+{
+    QFETCH(QString, names);
+    QTemporaryDir tmp;
+    const QDir dir(tmp.path());
+    for (const QString &name : names.split(QLatin1Char(' '))) {
+        QFile file(dir.filePath(name));
+        QVERIFY2(file.open(QIODevice::WriteOnly), qPrintable(name));
+    }
+    QStringList expected;
+    for (const QFileInfo &info : dir.entryInfoList(QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot,
+                                                   QDir::Name | QDir::IgnoreCase))
+        expected << info.fileName();
+    QStringList items;
+    for (const QFileInfo &info : TFileCopyTask::WorkItems(QFileInfo(tmp.path()), 1))
+        items << info.fileName();
+    QCOMPARE(items, expected);
 }
 
 // Directories large enough to be measured while they are listed: every file
