@@ -99,6 +99,15 @@ QString EntryCollector::Entry::path() const
     return path;
 }
 
+bool EntryCollector::Entry::pathStartsWith(const QString &text) const
+{
+    const QString &start = m_place->path;
+    if (m_nameSize == 0 || text.size() <= start.size())
+        return start.startsWith(text);
+    const QStringView name = QStringView(m_place->names).mid(int(m_nameAt), m_nameSize);
+    return text.startsWith(start) && name.startsWith(QStringView(text).mid(start.size()));
+}
+
 // One collection's walk: what it admits, where what it leaves out goes, and
 // the directories it must not enter: those on its way down from its root,
 // and those above the root. Each of them contains the directory being

@@ -53,6 +53,8 @@ public:
 
         QString filePath() const; // as given for a root, absolute below it
         QString path() const; // absolute and clean: absolutePath() of filePath()
+        // path().startsWith(text), without making the path.
+        bool pathStartsWith(const QString &text) const;
 
         // Made when asked for: a QFileInfo is several times the size of an
         // entry.

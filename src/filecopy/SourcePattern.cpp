@@ -57,5 +57,8 @@ QString SourcePattern::replaced(const QString &path, const QString &replacement)
     const int length = matchedLength(path);
     if (length < 0)
         return QString();
-    return QString(path).replace(0, length, replacement);
+    QString replaced;
+    replaced.reserve(replacement.size() + path.size() - length);
+    replaced.append(replacement).append(path.constData() + length, path.size() - length);
+    return replaced;
 }

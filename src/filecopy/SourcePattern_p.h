@@ -8,6 +8,8 @@
 #ifndef TRELLIS_SOURCEPATTERN_P_H
 #define TRELLIS_SOURCEPATTERN_P_H
 
+#include "EntryCollector_p.h"
+
 #include <QRegExp>
 #include <QString>
 
@@ -28,6 +30,12 @@ public:
 
     // The length of the match at the start of path, or -1 without one.
     int matchedLength(const QString &path) const;
+    // Whether there is a match at the start of entry's path, found without
+    // making the path when the pattern is a plain prefix.
+    bool matches(const EntryCollector::Entry &entry) const
+    {
+        return m_isLiteral ? entry.pathStartsWith(m_literal) : matchedLength(entry.path()) >= 0;
+    }
 
     // path with the match replaced by replacement, taken literally; a null
     // string when the pattern does not match.

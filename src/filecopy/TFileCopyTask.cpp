@@ -67,9 +67,8 @@ public:
         bytesTotal = 0;
         pending.clear();
         collector.clear();
-        const auto unmatched = [this](const EntryCollector::Entry &item) {
-            return srcPattern.matchedLength(item.path()) < 0;
-        };
+        const auto unmatched
+                = [this](const EntryCollector::Entry &item) { return !srcPattern.matches(item); };
         for (const QFileInfo &source : std::as_const(sources)) {
             // Collected straight into the list, which can be long: what the
             // pattern does not match is taken out again.

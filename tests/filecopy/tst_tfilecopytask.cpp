@@ -227,6 +227,12 @@ void tst_TFileCopyTask::batches_data()
            "src/a/report.txt=r src/a/notes.tar.gz=n", "Copy:0:a::@/backup/%1+Stop",
            "..., P 100 2 0, S 4 -",
            "backup/report/a/report.txt=r backup/notes.tar/a/notes.tar.gz=n");
+    // A source prefix can end inside a name: what it does not match is dropped.
+    AddRow("a source prefix ending inside names", "src/d/ab.txt=a src/d/b.txt=b src/d/abc/x.txt=x",
+           "Copy:-1:d:@/src/d/a:@/dst", "..., P 100 2 0, S 4 -",
+           "dstb.txt=a dstbc/x.txt=x dst=- src/d/b.txt=b");
+    AddRow("a source prefix longer than the item's path", "src/d/ab.txt=a",
+           "Copy:0:d:@/src/d/a:@/dst", "P 0 0 0, " + nothing, "dst=- dstb.txt=-");
     AddRow("a prefix without %1 is taken literally", "src/a.txt=a", "Copy:0:a.txt::@/back\\1%off",
            "..., P 100 1 0, S 4 -", "back\\1%off/a.txt=a");
     // Never onto the source itself, whatever the answer.
