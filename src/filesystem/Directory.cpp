@@ -58,6 +58,8 @@ int compareIgnoringAsciiCase(const QByteArray &a, const QByteArray &b)
 template<typename Item, typename NameOf>
 void sortByNameIgnoringCase(std::vector<Item> &items, NameOf nameOf)
 {
+    if (items.size() < 2)
+        return;
     // Names all in ASCII, most listings, order as their decoded text would
     // under UTF-8, without being decoded.
     if (localeIsUtf8() && std::all_of(items.cbegin(), items.cend(), [nameOf](const Item &item) {
