@@ -4,6 +4,7 @@
 #include <Trellis/TFileCopyTask.h>
 #include <Trellis/TThreadedObject.h>
 
+#include <QProcess>
 #include <QThread>
 
 #include <algorithm>
@@ -60,6 +61,8 @@ private slots:
     void listingOrder();
     void manyFiles_data();
     void manyFiles();
+    void unsearchableDirectory_data();
+    void unsearchableDirectory();
 };
 
 // A row creates a tree (see MakeTree()) in a temporary directory, runs its
@@ -565,6 +568,65 @@ void tst_TFileCopyTask::manyFiles()
     for (int i = 0; i < listed.size(); ++i)
         QCOMPARE(QFileInfo(tmp.path() + QStringLiteral("/dst/") + listed.at(i)).size(),
                  sizes.at(i));
+}
+
+// A directory that can be read but not searched cannot be copied: it is a
+// work item all the same, and it fails where it is met rather than being
+// passed over unseen. Root searches every directory, so as root the test
+// runs itself as user nobody.
+void tst_TFileCopyTask::unsearchableDirectory_data()
+{
+    QTest::addColumn<int>("depth");
+    QTest::newRow("an item a file") << 100;
+    QTest::newRow("one item") << 0;
+}
+
+void tst_TFileCopyTask::unsearchableDirectory()
+{
+    QFETCH(int, depth);
+    if (::geteuid() == 0) {
+        QProcess child;
+        child.start(QStringLiteral("setpriv"),
+                    { QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
+                      QStringLiteral("--clear-groups"), QCoreApplication::applicationFilePath(),
+                      QStringLiteral("unsearchableDirectory:")
+                              + QLatin1String(QTest::currentDataTag()) });
+        QVERIFY2(child.waitForFinished(60000), "the test run as user nobody did not end");
+        const QString output = QString::fromLocal8Bit(child.readAll());
+        if (!output.contains(QLatin1String("Totals:")))
+            QSKIP(qPrintable(QStringLiteral("cannot run as user nobody: ") + output.trimmed()));
+        QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0,
+                 qPrintable(output));
+        return;
+    }
+    QTemporaryDir tmp;
+    MakeTree(tmp.path(), QStringLiteral("src/d/a.txt=a src/d/sub/f.txt=f"));
+    const QString src = tmp.path() + QStringLiteral("/src");
+    QVERIFY(QFile::setPermissions(src + QStringLiteral("/d/sub"),
+                                  QFile::ReadOwner | QFile::ReadGroup | QFile::ReadOther));
+    if (depth != 0) {
+        QStringList items;
+        for (const QFileInfo &item :
+             TFileCopyTask::WorkItems(QFileInfo(src + QStringLiteral("/d")), depth))
+            items << QDir(src).relativeFilePath(item.filePath());
+        QCOMPARE(items.join(QLatin1Char(' ')), QStringLiteral("d/a.txt d/sub"));
+    }
+
+    TFileCopyTask task(TFileCopyTask::OverwriteAll);
+    QStringList failed;
+    QObject::connect(task.Notifier(), &TFileCopyNotifier::EntryFailed,
+                     [&](const QFileInfo &entry, int error) {
+                         failed << QDir(src).relativeFilePath(entry.filePath()) + QLatin1Char(' ')
+                                         + QLatin1String(::strerrorname_np(error));
+                     });
+    QSignalSpy state(&task, &TFileCopyTask::State);
+    task.CopyFiles({ QFileInfo(src + QStringLiteral("/d")) }, QRegExp::escape(src),
+                   tmp.path() + QStringLiteral("/dst"), depth);
+    QTRY_COMPARE_WITH_TIMEOUT(state.count(), 1, 60000);
+    QCOMPARE(failed, QStringList { QStringLiteral("d/sub EACCES") });
+    // Failed with the other item left, or with none.
+    QCOMPARE(state.at(0).at(0).toInt(),
+             int(depth != 0 ? TFileCopyTask::StateCopyFailed : TFileCopyTask::StateFinished));
 }
 
 QTEST_GUILESS_MAIN(tst_TFileCopyTask)
