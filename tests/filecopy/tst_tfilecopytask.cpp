@@ -586,6 +586,7 @@ void tst_TFileCopyTask::unsearchableDirectory()
     QFETCH(int, depth);
     if (::geteuid() == 0) {
         QProcess child;
+        child.setProcessChannelMode(QProcess::MergedChannels); // why it could not run
         child.start(QStringLiteral("setpriv"),
                     { QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
                       QStringLiteral("--clear-groups"), QCoreApplication::applicationFilePath(),
