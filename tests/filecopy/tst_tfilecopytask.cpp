@@ -5,6 +5,7 @@
 #include <Trellis/TThreadedObject.h>
 
 #include <QProcess>
+#include <QScopeGuard>
 #include <QThread>
 
 #include <algorithm>
@@ -603,8 +604,12 @@ void tst_TFileCopyTask::unsearchableDirectory()
     QTemporaryDir tmp;
     MakeTree(tmp.path(), QStringLiteral("src/d/a.txt=a src/d/sub/f.txt=f"));
     const QString src = tmp.path() + QStringLiteral("/src");
-    QVERIFY(QFile::setPermissions(src + QStringLiteral("/d/sub"),
-                                  QFile::ReadOwner | QFile::ReadGroup | QFile::ReadOther));
+    const QString sub = src + QStringLiteral("/d/sub");
+    QVERIFY(QFile::setPermissions(sub, QFile::ReadOwner | QFile::ReadGroup | QFile::ReadOther));
+    // Searchable again at the end, so that the temporary directory can go.
+    const auto searchable = qScopeGuard([&sub] {
+        QFile::setPermissions(sub, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    });
     if (depth != 0) {
         QStringList items;
         for (const QFileInfo &item :
