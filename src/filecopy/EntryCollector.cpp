@@ -237,8 +237,9 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
         return;
     }
 
+    const QString path = entry.path();
     const auto directory
-            = std::make_shared<const Directory>(Directory::open(QFile::encodeName(entry.path())));
+            = std::make_shared<const Directory>(Directory::open(QFile::encodeName(path)));
     if (!directory->isOpen()) {
         if (errno != ENOENT && errno != ENOTDIR) // not gone meanwhile
             markUnreadable(std::move(entry), errno, out);
@@ -260,7 +261,6 @@ void EntryCollector::collectInto(Entry entry, Entries &out, int depth, Descent &
     // A negative depth never reaches 0; it is kept as it is rather than
     // counted down towards an overflow.
     const int childDepth = depth > 0 ? depth - 1 : depth;
-    const QString path = entry.path();
     // What the paths of its entries are made of: its own, and their names.
     const auto place = std::make_shared<Place>();
     place->path = path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');

@@ -42,31 +42,18 @@ struct DirCloser
     void operator()(DIR *stream) const { ::closedir(stream); }
 };
 
-// Order of two ASCII names compared as their lower-cased text: ASCII
-// lower-cases only A to Z.
-int compareIgnoringAsciiCase(const QByteArray &a, const QByteArray &b)
-{
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
-    const int common = std::min(a.size(), b.size());
-    for (int i = 0; i < common; ++i) {
-        if (const int difference = lower(a.at(i)) - lower(b.at(i)))
-            return difference;
-    }
-    return a.size() - b.size();
-}
-
 template<typename Item, typename NameOf>
 void sortByNameIgnoringCase(std::vector<Item> &items, NameOf nameOf)
 {
     if (items.size() < 2)
         return;
     // Names all in ASCII, most listings, order as their decoded text would
-    // under UTF-8, without being decoded.
+    // under UTF-8, without being decoded: ASCII lower-cases only A to Z.
     if (localeIsUtf8() && std::all_of(items.cbegin(), items.cend(), [nameOf](const Item &item) {
             return isAscii(nameOf(item));
         })) {
         std::sort(items.begin(), items.end(), [nameOf](const Item &a, const Item &b) {
-            const int order = compareIgnoringAsciiCase(nameOf(a), nameOf(b));
+            const int order = nameOf(a).compare(nameOf(b), Qt::CaseInsensitive);
             return order < 0 || (order == 0 && nameOf(a) < nameOf(b));
         });
         return;
