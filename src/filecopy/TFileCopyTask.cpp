@@ -2,12 +2,10 @@
 
 #include "DestinationPrefix_p.h"
 #include "EntryCollector_p.h"
+#include "EntryCopier_p.h"
 #include "SourcePattern_p.h"
-#include "filesystem/FileCopier_p.h"
 #include "filesystem/FlushPool_p.h"
 
-#include <QDir>
-#include <QFile>
 #include <QMetaMethod>
 #include <QMetaType>
 
@@ -51,14 +49,9 @@ public:
                   [notifier](const QFileInfo &entry, TFileCopyNotifier::LeftOutReason reason) {
                       emit notifier->EntryLeftOut(Detached(entry), reason);
                   }),
-          fileExistsAction(action)
-    {
-        copyOptions.report = [q](qint64 bytes) { return q->OnBytesWritten(bytes); };
-        copyOptions.stampFileTime = true;
-        // A source gone before its copy is passed over, its destination
-        // untouched, as a work item that has vanished.
-        copyOptions.keepDestinationWithoutSource = true;
-    }
+          fileExistsAction(action),
+          copier(collector, [q](qint64 bytes) { return q->OnBytesWritten(bytes); })
+    { }
 
     QString EffectivePrefix() const { return altDestPrefix.isEmpty() ? destPrefix : altDestPrefix; }
 
@@ -97,7 +90,7 @@ public:
     bool CopyEntry(const EntryCollector::Entry &entry, const DestinationPrefix &prefix)
     {
         const QString source = entry.path();
-        if (Copy(source, srcPattern, prefix.For(entry))) {
+        if (copier.copy(source, srcPattern, prefix.For(entry))) {
             ++filesCopied;
             // Made only for a receiver, and for this entry alone, so that no
             // receiver in another thread shares its cache with the pass.
@@ -114,39 +107,6 @@ public:
             return true;
         emit notifier->EntryFailed(entry.info(), error);
         return false;
-    }
-
-    // Copies the entry at source, an absolute and clean path, to its
-    // destination: source with pattern's match replaced by destPrefix. A
-    // failure leaves its cause in errno.
-    bool Copy(const QString &source, const SourcePattern &pattern, const QString &destPrefix)
-    {
-        if (const int unreadable = collector.readError(source)) {
-            errno = unreadable;
-            return false;
-        }
-        const QString destination = pattern.replaced(source, destPrefix);
-        // Left unchanged, the path of an entry that the prefix does not
-        // match would name the source itself.
-        if (destination.isNull()) {
-            errno = EINVAL;
-            return false;
-        }
-        if (FileCopier::copy(QFile::encodeName(source), QFile::encodeName(destination), copyOptions,
-                             FileCopier::MissingDirectory::Create, &keptDirectories))
-            return true;
-        // A directory is an entry when its listing gave nothing to copy: it
-        // is made rather than copied, its source untouched (the copy of one
-        // ends before the destination). Looked at only here, so that a file
-        // costs no look of its own. The result of mkpath() is not looked at,
-        // by the task's rules.
-        const int copyError = errno;
-        if (!QFileInfo(source).isDir()) {
-            errno = copyError;
-            return false;
-        }
-        QDir().mkpath(destination);
-        return true;
     }
 
     int RunningPercent() const
@@ -178,14 +138,11 @@ public:
     QString altDestPrefix;
     SourcePattern srcPattern { QRegExp() };
     EntryCollector collector;
-    // How entries are copied. The reports go to OnBytesWritten() as
-    // FileCopyWithProgress() would send them, in this thread, without
-    // looking the slot up by name for every report; the last flush of each
-    // file goes to the running pass's flush pool.
-    FileCopier::Options copyOptions;
-    // The running pass's; forgotten at its end, so that no pass finds a
-    // directory by an earlier pass's look.
-    FileCopier::KeptDirectories keptDirectories;
+    // Reports to OnBytesWritten() as FileCopyWithProgress() would, in this
+    // thread, without looking the slot up by name for every report. Its
+    // flush pool and kept directories are the running pass's: forgotten at
+    // its end, so that no pass finds a directory by an earlier pass's look.
+    EntryCopier copier;
     std::atomic<bool> stopRequested { false };
 };
 
@@ -315,7 +272,7 @@ void TFileCopyTask::Run()
     // The last flush of each file is left to threads of the pass's own, so
     // that copying goes on meanwhile; the pass ends when all are done.
     FlushPool flushPool;
-    d->copyOptions.flushPool = &flushPool;
+    d->copier.setFlushPool(&flushPool);
 
     if (d->state == StatePreparing)
         d->ExpandBatch();
@@ -379,8 +336,8 @@ void TFileCopyTask::Run()
 
     // Every file that the pass copied is on the disk before it reports.
     flushPool.waitForAll();
-    d->copyOptions.flushPool = nullptr;
-    d->keptDirectories.forget();
+    d->copier.setFlushPool(nullptr);
+    d->copier.forgetDirectories();
     if (d->pending.empty() && !stopped)
         emit Progress(100, d->filesCopied, d->filesSkipped);
     const int state = d->state;
@@ -401,6 +358,6 @@ bool TFileCopyTask::CopyFile(const QFileInfo &fileInfo, QRegExp pattern, const Q
     const QString source = EntryCollector::absolutePath(fileInfo);
     // The batch's own pattern is prepared already.
     if (pattern == d->srcPattern.regExp())
-        return d->Copy(source, d->srcPattern, destPrefix);
-    return d->Copy(source, SourcePattern(pattern), destPrefix);
+        return d->copier.copy(source, d->srcPattern, destPrefix);
+    return d->copier.copy(source, SourcePattern(pattern), destPrefix);
 }
