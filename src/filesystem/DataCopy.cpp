@@ -42,10 +42,8 @@ bool DataCopy::run()
 {
     if (m_report)
         m_lastReport = TLocalTime::getCurrentTime();
-    bool atEnd = false;
-    // The piece that reaches the end, found by copying or by the source's
-    // size, is the last: going on would only find the end again.
-    while (!atEnd) {
+    for (;;) {
+        bool atEnd = false;
         // Up to the next point where the schedule flushes or writes back,
         // in whole chunks, as a copy chunk by chunk would reach it.
         const qint64 toSync
@@ -59,11 +57,14 @@ bool DataCopy::run()
         if (count == 0)
             break;
         m_copied += count;
-        // The source's size is asked again only when the copy reaches it:
-        // asking costs a system call.
-        const bool last = atEnd
-                || (m_copied >= m_sourceSize && (m_sourceSize = fileSize(m_source)) <= m_copied);
-        atEnd = last;
+        // The last chunk is the one that leaves nothing to read by the
+        // source's size. The size seen at the start holds until reading
+        // finds more after a last chunk; then the source has grown, and its
+        // size is asked again whenever the copy reaches it.
+        if (m_passedLast && !atEnd && m_copied >= m_sourceSize)
+            m_sourceSize = fileSize(m_source);
+        const bool last = atEnd || m_copied >= m_sourceSize;
+        m_passedLast = m_passedLast || last;
 
         m_unsynced += count;
         if (m_unsynced >= SyncInterval || last) {
@@ -76,15 +77,23 @@ bool DataCopy::run()
                               SYNC_FILE_RANGE_WRITE);
         }
 
-        if (!m_report)
-            continue;
-        m_unreported += count;
-        if (TLocalTime::getCurrentTime() - m_lastReport < ProgressInterval && !last)
-            continue;
-        if (!report()) {
-            m_batch.flush();
-            return false;
+        if (m_report) {
+            m_unreported += count;
+            if (TLocalTime::getCurrentTime() - m_lastReport >= ProgressInterval || last) {
+                if (!report()) {
+                    m_batch.flush();
+                    return false;
+                }
+                // The receiver may have added to the source.
+                continue;
+            }
         }
+        // Otherwise the copy ends where reading found the end. After a last
+        // chunk found by the size, it reads on until it does: a source may
+        // have grown, or have a size that tells nothing (a block device,
+        // most files under /proc), and is copied to its end all the same.
+        if (atEnd)
+            break;
     }
 
     // A source that shrank while it was copied ends without a last piece;

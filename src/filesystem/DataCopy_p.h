@@ -60,6 +60,7 @@ private:
     qint64 m_sourceSize;
     qint64 m_copied = 0;
     bool m_inKernel = true;
+    bool m_passedLast = false; // a last chunk was copied: the size may be stale
     // Fewer blocks than bytes: the source may have holes worth looking for.
     const bool m_sparse;
     ChunkBatch m_batch;
