@@ -281,7 +281,6 @@ void TFileCopyTask::Run()
         d->state = StateFinished;
     }
 
-    bool stopped = false;
     EntryCollector::Entries entries; // the current item's, in one buffer for all
     while (d->state == StateCopying) {
         const DestinationPrefix prefix(d->EffectivePrefix());
@@ -327,8 +326,7 @@ void TFileCopyTask::Run()
                 d->fileExistsAction = Ask;
         }
 
-        stopped = d->stopRequested;
-        if (d->pending.empty() || stopped) {
+        if (d->pending.empty() || d->stopRequested) {
             d->state = StateFinished;
             ::sync();
         }
@@ -338,7 +336,9 @@ void TFileCopyTask::Run()
     flushPool.waitForAll();
     d->copier.setFlushPool(nullptr);
     d->copier.forgetDirectories();
-    if (d->pending.empty() && !stopped)
+    // A stop asked for by a receiver of this pass's reports, also of the
+    // one for nothing to do, holds back the report of a completed batch.
+    if (d->pending.empty() && !d->stopRequested)
         emit Progress(100, d->filesCopied, d->filesSkipped);
     const int state = d->state;
     const QFileInfo currentFile = d->pending.empty() ? QFileInfo() : d->pending.back().info();

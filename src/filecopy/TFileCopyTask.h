@@ -332,7 +332,8 @@ signals:
         CopyFiles() emits Progress(0, 0, 0); the copier's reports during each
         file follow; a completed batch ends with Progress(100, filesCopied,
         fileSkipped). A pass that finds nothing to do emits Progress(100, 0, 0)
-        first.
+        first, and the closing report only when no stop was requested by
+        then, also by a receiver of the first.
     */
     void Progress(int percentComplete, int filesCopied, int fileSkipped);
 

@@ -205,6 +205,10 @@ void tst_TFileCopyTask::batches_data()
     AddRow("Continue on a new task", "src/a.txt=a", "ContinueOverwrite", nothing, "dst=-");
     for (const char *copy : { "Copy:0:", "Copy:0:missing.txt", "Copy:0:a.txt:@/elsewhere" })
         AddRow(copy, "src/a.txt=a", copy, "P 0 0 0, " + nothing, "dst=-");
+    // A stop asked for at the first report of a pass with nothing to do
+    // holds back the report of a completed batch.
+    AddRow("a stop at the report of nothing to do", "src/a.txt=a",
+           "StopAtReport:2+Copy:0:missing.txt", "P 0 0 0, P 100 0 0, S 4 -", "dst=-");
 
     for (const int depth : { 0, 1, -1, 100 }) {
         const QByteArray copy = "Copy:" + QByteArray::number(depth);
