@@ -44,21 +44,23 @@ SourcePattern SourcePattern::forPrefix(const QString &srcPrefix)
     return SourcePattern(QRegExp(QLatin1Char('^') + srcPrefix, Qt::CaseSensitive, QRegExp::RegExp));
 }
 
-int SourcePattern::matchedLength(const QString &path) const
+bool SourcePattern::matches(const QString &path) const
 {
-    if (m_isLiteral)
-        return path.startsWith(m_literal) ? int(m_literal.size()) : -1;
-    QRegExp matcher(m_pattern); // a match records its captures in the object
-    return matcher.indexIn(path) == 0 ? matcher.matchedLength() : -1;
+    return m_isLiteral ? path.startsWith(m_literal) : QRegExp(m_pattern).indexIn(path) != -1;
 }
 
 QString SourcePattern::replaced(const QString &path, const QString &replacement) const
 {
-    const int length = matchedLength(path);
-    if (length < 0)
+    if (!m_isLiteral) {
+        QRegExp matcher(m_pattern);
+        return matcher.indexIn(path) == -1 ? QString()
+                                           : QString(path).replace(matcher, replacement);
+    }
+    if (!path.startsWith(m_literal))
         return QString();
     QString replaced;
-    replaced.reserve(replacement.size() + path.size() - length);
-    replaced.append(replacement).append(path.constData() + length, path.size() - length);
+    replaced.reserve(replacement.size() + path.size() - m_literal.size());
+    replaced.append(replacement)
+            .append(path.constData() + m_literal.size(), path.size() - m_literal.size());
     return replaced;
 }

@@ -28,21 +28,26 @@ public:
 
     const QRegExp &regExp() const { return m_pattern; }
 
-    // The length of the match at the start of path, or -1 without one.
-    int matchedLength(const QString &path) const;
-    // Whether there is a match at the start of entry's path, found without
-    // making the path when the pattern is a plain prefix.
+    // Whether the pattern matches path: QString::indexOf() finds it. A
+    // pattern anchored with "^" alone finds it only at the start.
+    bool matches(const QString &path) const;
+    // The same for entry's path, without making the path when the pattern
+    // is a plain prefix.
     bool matches(const EntryCollector::Entry &entry) const
     {
-        return m_isLiteral ? entry.pathStartsWith(m_literal) : matchedLength(entry.path()) >= 0;
+        return m_isLiteral ? entry.pathStartsWith(m_literal) : matches(entry.path());
     }
 
-    // path with the match replaced by replacement, taken literally; a null
-    // string when the pattern does not match.
+    // path with the pattern's matches replaced by replacement, as
+    // QString::replace() replaces them: where the pattern captures, \1 to
+    // \9 in replacement stand for what it captured; elsewhere replacement
+    // is taken literally. A null string when the pattern does not match.
     QString replaced(const QString &path, const QString &replacement) const;
 
 private:
-    QRegExp m_pattern; // matched only when there is no literal
+    // Matched only when there is no literal, through copies: a match
+    // records its captures in the object.
+    QRegExp m_pattern;
     QString m_literal;
     bool m_isLiteral = false;
 };

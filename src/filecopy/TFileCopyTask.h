@@ -232,7 +232,11 @@ public:
         match has no destination and fails to copy.
 
         \a destPrefix replaces the match; a \c %1 in it stands for the
-        complete base name of each entry.
+        complete base name of each entry. The replacement is
+        QString::replace()'s: where the source prefix captures, \c \1 to
+        \c \9 in \a destPrefix stand for what it captured, and an
+        alternative that the "^" does not anchor (\c a|b) matches, and is
+        replaced, wherever it occurs in a path.
 
         \a depth is the number of directory levels below each source at which
         the batch is split into work items, which are the units that a

@@ -243,6 +243,12 @@ void tst_TFileCopyTask::batches_data()
            "Copy:0:d:@/src/d/a:@/dst", "P 0 0 0, " + nothing, "dst=- dstb.txt=-");
     AddRow("a prefix without %1 is taken literally", "src/a.txt=a", "Copy:0:a.txt::@/back\\1%off",
            "..., P 100 1 0, S 4 -", "back\\1%off/a.txt=a");
+    // A source prefix is a regular expression, replaced as QString::replace()
+    // replaces one: with its captures, and wherever an alternative matches.
+    AddRow("a source prefix that captures", "src/d/a.txt=a", "Copy:0:d:@/src/(d):@/dst/\\1\\1",
+           "..., P 100 1 0, S 4 -", "dst/dd/a.txt=a");
+    AddRow("a source prefix with an alternative not at the start", "src/d/a.txt=a",
+           "Copy:-1:d:@/none|/d/:/e/", "..., P 100 1 0, S 4 -", "src/e/a.txt=a src/d/a.txt=a");
     // Never onto the source itself, whatever the answer.
     AddRow("an entry the prefix does not match fails", "src/d/x.txt=x",
            "ContinueOverwriteAll, Copy:0:d:@/src/d$:@/elsewhere",
