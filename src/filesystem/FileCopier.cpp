@@ -4,11 +4,14 @@
 #include "FlushPool_p.h"
 #include "time/FileStamp_p.h"
 
+#include "TFileSystemHelper.h"
+
 #include <QDir>
 #include <QFile>
 #include <QMetaObject>
 #include <QObject>
 
+#include <algorithm>
 #include <cerrno>
 #include <string_view>
 
@@ -26,6 +29,9 @@ namespace {
 // How often a name that reappears at the destination after its removal is
 // removed again before the copy gives up.
 constexpr int CreateAttempts = 8;
+
+// The bytes of a '.' and three characters of up to four bytes each.
+constexpr int MaxExtensionBytes = 13;
 
 bool isSameFile(const struct stat &a, const struct stat &b)
 {
@@ -183,6 +189,16 @@ PathParts splitPath(const QByteArray &path)
 
 QByteArray FileCopier::lowerCaseExtension(const QByteArray &name)
 {
+    // The rule's letters are those whose case maps into a to z, a few
+    // beyond ASCII among them (the Kelvin sign): a name that ends in any
+    // such byte goes through the rule itself, when it can be decoded.
+    const auto tail = name.cend() - std::min(int(name.size()), MaxExtensionBytes);
+    if (std::any_of(tail, name.cend(), [](char c) { return uchar(c) >= 0x80; })) {
+        const QString decoded = QFile::decodeName(name);
+        if (QFile::encodeName(decoded) != name)
+            return name;
+        return QFile::encodeName(TFileSystemHelper::FileCopyLowerCaseDestFilename(decoded));
+    }
     const int size = name.size();
     if (size < 4 || name.at(size - 4) != '.')
         return name;

@@ -106,8 +106,9 @@ bool copy(const QByteArray &sourcePath, const QByteArray &destPath, const Option
 // FileCopyWithProgress() does; empty when either is null.
 Report reportTo(QObject *receiver, const char *member);
 
-// name with a final '.' and three letters A to Z lower-cased: the rule of
-// TFileSystemHelper::FileCopyLowerCaseDestFilename(), on a name's bytes.
+// name with a final '.' and three letters lower-cased: the rule of
+// TFileSystemHelper::FileCopyLowerCaseDestFilename(), on a name's bytes. A
+// name whose bytes the locale's encoding cannot decode is left as it is.
 QByteArray lowerCaseExtension(const QByteArray &name);
 
 } // namespace FileCopier
