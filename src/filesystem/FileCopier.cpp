@@ -104,11 +104,13 @@ struct Source
     { }
 
     // Whether a copy must end before it touches the destination, with the
-    // cause in errno: the source could not be opened, and the destination
-    // is to be left as it is.
+    // cause in errno: the source is not there, and the destination is to be
+    // left as it is.
     bool endsCopy(const FileCopier::Options &options) const
     {
-        if (file.isOpen() || !options.keepDestinationWithoutSource)
+        struct stat there;
+        if (file.isOpen() || !options.keepDestinationWithoutSource
+            || (error != ENOENT && ::fstatat(dir, name, &there, 0) == 0))
             return false;
         errno = error;
         return true;

@@ -37,8 +37,10 @@ struct Options
     // the pool has flushed it; without one it is durable when the call
     // returns.
     FlushPool *flushPool = nullptr;
-    // Whether a source that cannot be opened leaves the destination as it
-    // is, rather than removed first as FileCopyWithProgress() removes it.
+    // Whether a source that is not there (it cannot be looked at, so
+    // QFileInfo::exists() would say false) leaves the destination as it is,
+    // rather than removed first as FileCopyWithProgress() removes it. A
+    // source that is there but cannot be opened removes it either way.
     bool keepDestinationWithoutSource = false;
 };
 

@@ -64,6 +64,8 @@ private slots:
     void manyFiles();
     void unsearchableDirectory_data();
     void unsearchableDirectory();
+    void unreadableSource_data();
+    void unreadableSource();
 };
 
 // A row creates a tree (see MakeTree()) in a temporary directory, runs its
@@ -605,25 +607,32 @@ void tst_TFileCopyTask::unsearchableDirectory_data()
     QTest::newRow("one item") << 0;
 }
 
+// Permissions do not hold root back: run as root, a test of what they deny
+// runs its row again as user nobody, and skips, saying why, where it cannot.
+#define RUN_AS_NOBODY_WHEN_ROOT()                                                                  \
+    do {                                                                                           \
+        if (::geteuid() != 0)                                                                      \
+            break;                                                                                 \
+        QProcess child;                                                                            \
+        child.setProcessChannelMode(QProcess::MergedChannels); /* why it could not run */          \
+        child.start(QStringLiteral("setpriv"),                                                     \
+                    { QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),            \
+                      QStringLiteral("--clear-groups"), QCoreApplication::applicationFilePath(),   \
+                      QLatin1String(QTest::currentTestFunction()) + QLatin1Char(':')               \
+                              + QLatin1String(QTest::currentDataTag()) });                         \
+        QVERIFY2(child.waitForFinished(60000), "the test run as user nobody did not end");         \
+        const QString output = QString::fromLocal8Bit(child.readAll());                            \
+        if (!output.contains(QLatin1String("Totals:")))                                            \
+            QSKIP(qPrintable(QStringLiteral("cannot run as user nobody: ") + output.trimmed()));   \
+        QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0,              \
+                 qPrintable(output));                                                              \
+        return;                                                                                    \
+    } while (false)
+
 void tst_TFileCopyTask::unsearchableDirectory()
 {
     QFETCH(int, depth);
-    if (::geteuid() == 0) {
-        QProcess child;
-        child.setProcessChannelMode(QProcess::MergedChannels); // why it could not run
-        child.start(QStringLiteral("setpriv"),
-                    { QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
-                      QStringLiteral("--clear-groups"), QCoreApplication::applicationFilePath(),
-                      QStringLiteral("unsearchableDirectory:")
-                              + QLatin1String(QTest::currentDataTag()) });
-        QVERIFY2(child.waitForFinished(60000), "the test run as user nobody did not end");
-        const QString output = QString::fromLocal8Bit(child.readAll());
-        if (!output.contains(QLatin1String("Totals:")))
-            QSKIP(qPrintable(QStringLiteral("cannot run as user nobody: ") + output.trimmed()));
-        QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0,
-                 qPrintable(output));
-        return;
-    }
+    RUN_AS_NOBODY_WHEN_ROOT();
     QTemporaryDir tmp;
     MakeTree(tmp.path(), QStringLiteral("src/d/a.txt=a src/d/sub/f.txt=f"));
     const QString src = tmp.path() + QStringLiteral("/src");
@@ -656,6 +665,44 @@ void tst_TFileCopyTask::unsearchableDirectory()
     // Failed with the other item left, or with none.
     QCOMPARE(state.at(0).at(0).toInt(),
              int(depth != 0 ? TFileCopyTask::StateCopyFailed : TFileCopyTask::StateFinished));
+}
+
+void tst_TFileCopyTask::unreadableSource_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("tree");
+    QTest::newRow("its own name") << "a.txt"
+                                  << "src/a.txt=new dst/a.txt=old";
+    QTest::newRow("and the lower-cased one") << "a.TXT"
+                                             << "src/a.TXT=new dst/a.TXT=old dst/a.txt=old";
+}
+
+// A file that is there but cannot be read is not a vanished one: the old
+// copies go, as the copy of a file always removes them first, and the copy
+// fails.
+void tst_TFileCopyTask::unreadableSource()
+{
+    QFETCH(QString, name);
+    QFETCH(QString, tree);
+    RUN_AS_NOBODY_WHEN_ROOT();
+    QTemporaryDir tmp;
+    MakeTree(tmp.path(), tree);
+    const QString source = tmp.path() + QStringLiteral("/src/") + name;
+    QVERIFY(QFile::setPermissions(source, QFile::WriteOwner));
+    TFileCopyTask task(TFileCopyTask::OverwriteAll);
+    QStringList failed;
+    QObject::connect(task.Notifier(), &TFileCopyNotifier::EntryFailed,
+                     [&failed](const QFileInfo &entry, int error) {
+                         failed << entry.fileName() + QLatin1Char(' ')
+                                         + QLatin1String(::strerrorname_np(error));
+                     });
+    QSignalSpy state(&task, &TFileCopyTask::State);
+    task.CopyFiles({ QFileInfo(source) }, QRegExp::escape(tmp.path() + QStringLiteral("/src")),
+                   tmp.path() + QStringLiteral("/dst"), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(state.count(), 1, 60000);
+    QCOMPARE(failed, QStringList { name + QStringLiteral(" EACCES") });
+    QCOMPARE(state.at(0).at(0).toInt(), int(TFileCopyTask::StateFinished));
+    QCOMPARE(QDir(tmp.path() + QStringLiteral("/dst")).entryList(QDir::Files), QStringList());
 }
 
 QTEST_GUILESS_MAIN(tst_TFileCopyTask)
