@@ -128,11 +128,18 @@ public:
         the function waits for every flush; an empty source is never
         flushed. The result of fsync() is not looked at: a copy reported done
         is complete in the file, and as durable as the file system made it.
+        The last chunk is the one that leaves nothing to read by the
+        source's size, but the copy reads on until a read finds the end: what
+        the source gains meanwhile, also while the progress method runs at
+        the last chunk, is copied too, and a source whose size tells nothing
+        (a block device, most files under /proc) is copied whole, each of its
+        chunks a last one, flushed and reported.
         When the source is exhausted, the copy gets the source's permissions
         plus QFile::WriteOther and, when \a stampFileTime is true, the offset
         clock's current minute as its access and modification time (as
         TLocalTime::setFileTime() gives them), both on the file this call
-        created, through its descriptor.
+        created, through its descriptor. The permissions are those the
+        source had when it was opened.
 
         When \a receiver and \a member are both given, \a member names a
         method of \a receiver without parentheses (for instance
