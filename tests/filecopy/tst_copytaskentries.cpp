@@ -1,0 +1,342 @@
+#include "CopyTestSupport.h"
+
+#include <Trellis/TFileCopyTask.h>
+
+#include <QProcess>
+#include <QScopeGuard>
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+
+#include <unistd.h>
+
+// What a batch is made of and copied as: its work items and entries, their
+// order, the sizes its progress is measured by, and the entries that
+// permissions keep from being read.
+class tst_CopyTaskEntries : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void plan_data();
+    void plan();
+    void listingOrder_data();
+    void listingOrder();
+    void manyFiles_data();
+    void manyFiles();
+    void unsearchableDirectory_data();
+    void unsearchableDirectory();
+    void unreadableSource_data();
+    void unreadableSource();
+};
+
+// The plan of a batch, as the task shows it without copying: the work items
+// of src/t split at depth, the entries of each item, what both leave out
+// ("path Reason"), and the destination of each entry for the prefixes
+// src/ and dst/%1 ("-" where the prefix does not match).
+void tst_CopyTaskEntries::plan_data()
+{
+    QTest::addColumn<int>("depth");
+    QTest::addColumn<QString>("items");
+    QTest::addColumn<QString>("entries");
+    QTest::addColumn<QString>("leftOut");
+
+    QTest::newRow("split to files") << -1 << "t/A/x.txt t/b.txt t/e"
+                                    << "t/A/x.txt t/b.txt t/e"
+                                    << "t/.h HiddenName, t/A/up LinkIntoTree";
+    QTest::newRow("one item") << 0 << "t"
+                              << "t/A/x.txt t/b.txt t/e"
+                              << "t/.h HiddenName, t/A/up LinkIntoTree";
+    QTest::newRow("split one level") << 1 << "t/A t/b.txt t/e"
+                                     << "t/A/x.txt t/b.txt t/e"
+                                     << "t/.h HiddenName, t/A/up LinkIntoTree";
+}
+
+void tst_CopyTaskEntries::plan()
+{
+    QFETCH(int, depth);
+    QFETCH(QString, items);
+    QFETCH(QString, entries);
+    QFETCH(QString, leftOut);
+    QTemporaryDir tmp;
+    MakeTree(tmp.path(),
+             QStringLiteral("src/t/b.txt=b src/t/A/x.txt=x src/t/.h=h src/t/e/ "
+                            "src/t/A/up->.. src/elsewhere.txt=e"));
+    const QDir src(tmp.path() + QStringLiteral("/src"));
+    QStringList leftOutSeen;
+    const auto noteLeftOut = [&](const QFileInfo &entry, TFileCopyNotifier::LeftOutReason reason) {
+        leftOutSeen << src.relativeFilePath(entry.absoluteFilePath()) + QLatin1Char(' ')
+                        + QLatin1String(QMetaEnum::fromType<decltype(reason)>().valueToKey(reason));
+    };
+    const auto names = [&src](const QList<QFileInfo> &list) {
+        QStringList relative;
+        for (const QFileInfo &info : list)
+            relative << src.relativeFilePath(info.absoluteFilePath());
+        return relative.join(QLatin1Char(' '));
+    };
+
+    const QList<QFileInfo> workItems = TFileCopyTask::WorkItems(
+            QFileInfo(src.filePath(QStringLiteral("t"))), depth, noteLeftOut);
+    QCOMPARE(names(workItems), items);
+    QList<QFileInfo> allEntries;
+    for (const QFileInfo &item : workItems)
+        allEntries += TFileCopyTask::Entries(item, noteLeftOut);
+    QCOMPARE(names(allEntries), entries);
+    QCOMPARE(leftOutSeen.join(QStringLiteral(", ")), leftOut);
+
+    const QString srcPrefix = QRegExp::escape(src.path());
+    const QString destPrefix = tmp.path() + QStringLiteral("/dst/%1");
+    QCOMPARE(TFileCopyTask::DestinationPath(allEntries.constFirst(), srcPrefix, destPrefix),
+             tmp.path() + QStringLiteral("/dst/x/t/A/x.txt"));
+    // Every spelling of a path leads where its absolute, clean form leads,
+    // and a file's work item is the file as it was spelled.
+    for (const QString &spelling :
+         { src.path() + QStringLiteral("/./t/b.txt"), src.path() + QStringLiteral("//t//b.txt"),
+           src.path() + QStringLiteral("/t/A/../b.txt"),
+           QDir::current().relativeFilePath(src.filePath(QStringLiteral("t/b.txt"))) }) {
+        QCOMPARE(TFileCopyTask::DestinationPath(QFileInfo(spelling), srcPrefix, destPrefix),
+                 tmp.path() + QStringLiteral("/dst/b/t/b.txt"));
+        const QList<QFileInfo> spelled = TFileCopyTask::WorkItems(QFileInfo(spelling), depth);
+        QCOMPARE(spelled.size(), 1);
+        QCOMPARE(spelled.constFirst().filePath(), spelling);
+    }
+    // A conflict, as a pass tests it: a file also under its written name.
+    MakeTree(tmp.path(), QStringLiteral("src/t/B.TXT=new"));
+    const QFileInfo upper(src.filePath(QStringLiteral("t/B.TXT")));
+    QVERIFY(TFileCopyTask::ExistingDestination(upper, srcPrefix, destPrefix).isNull());
+    MakeTree(tmp.path(), QStringLiteral("dst/B/t/B.txt=old"));
+    QCOMPARE(TFileCopyTask::ExistingDestination(upper, srcPrefix, destPrefix),
+             tmp.path() + QStringLiteral("/dst/B/t/B.txt"));
+    QVERIFY(TFileCopyTask::DestinationPath(QFileInfo(QStringLiteral("/elsewhere/t/b.txt")),
+                                           srcPrefix, destPrefix)
+                    .isNull());
+}
+
+// Work items come in the order of a Qt listing sorted by name ignoring
+// case. Names equal but for case are left out: Qt leaves their order open.
+void tst_CopyTaskEntries::listingOrder_data()
+{
+    QTest::addColumn<QString>("names");
+    QTest::addColumn<QString>("expected"); // QDir's order when empty
+    QTest::newRow("ASCII") << QStringLiteral("b a Z _x [c] ~t z1 Ab a-b a.B a~ a_ 10 9 A1 @ ` {")
+                           << QString();
+    QTest::newRow("not all ASCII")
+            << QStringLiteral("b \u00e9 \u00c4 e f a \u00df Z \u00e0 Ab") << QString();
+    // QDir leaves the order of names equal but for case to its listing;
+    // the task puts them in byte order, whichever order they were made in.
+    QTest::newRow("equal but for case, ASCII")
+            << QStringLiteral("ab b aB B Ab a AB A") << QStringLiteral("A a AB Ab aB ab B b");
+    QTest::newRow("equal but for case, not all ASCII")
+            << QStringLiteral("\u00e9 b \u00c9 B") << QStringLiteral("B b \u00c9 \u00e9");
+}
+
+void tst_CopyTaskEntries::listingOrder()
+{
+    QFETCH(QString, names);
+    QFETCH(QString, expected);
+    QTemporaryDir tmp;
+    const QDir dir(tmp.path());
+    for (const QString &name : names.split(QLatin1Char(' '))) {
+        QFile file(dir.filePath(name));
+        QVERIFY2(file.open(QIODevice::WriteOnly), qPrintable(name));
+    }
+    QStringList order = expected.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    if (order.isEmpty()) {
+        for (const QFileInfo &info :
+             dir.entryInfoList(QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot,
+                               QDir::Name | QDir::IgnoreCase))
+            order << info.fileName();
+    }
+    QStringList items;
+    for (const QFileInfo &info : TFileCopyTask::WorkItems(QFileInfo(tmp.path()), 1))
+        items << info.fileName();
+    QCOMPARE(items, order);
+}
+
+// Directories large enough to be measured while they are listed: every file
+// counts at its size, a link at its target's, and the running percentages
+// follow the bytes copied in copying order.
+void tst_CopyTaskEntries::manyFiles_data()
+{
+    QTest::addColumn<int>("depth");
+    QTest::newRow("one item") << 0; // copied in listing order
+    QTest::newRow("an item a file") << 100; // the last item first
+}
+
+void tst_CopyTaskEntries::manyFiles()
+{
+    QFETCH(int, depth);
+    QTemporaryDir tmp;
+    const QDir src(tmp.path() + QStringLiteral("/src"));
+    // In each directory a run of files, a link, a subdirectory and another
+    // run of files, in that listing order.
+    QStringList listed;
+    QList<qint64> sizes;
+    const auto makeFile = [&](const QString &path) {
+        const qint64 size = 100 + 7 * sizes.size();
+        QVERIFY(src.mkpath(QFileInfo(src.filePath(path)).path()));
+        QFile file(src.filePath(path));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        QCOMPARE(file.write(QByteArray(int(size), 'x')), size);
+        listed << path;
+        sizes << size;
+    };
+    for (const QString &dir : { QStringLiteral("t/d0"), QStringLiteral("t/d1") }) {
+        for (int i = 0; i < 35; ++i)
+            makeFile(dir + QStringLiteral("/a%1").arg(i, 2, 10, QLatin1Char('0')));
+        QVERIFY(QFile::link(QStringLiteral("a07"), src.filePath(dir + QStringLiteral("/lnk"))));
+        listed << dir + QStringLiteral("/lnk");
+        sizes << sizes.at(sizes.size() - 35 + 7);
+        for (int i = 0; i < 40; ++i)
+            makeFile(dir + QStringLiteral("/m/b%1").arg(i, 2, 10, QLatin1Char('0')));
+        for (int i = 0; i < 35; ++i)
+            makeFile(dir + QStringLiteral("/z%1").arg(i, 2, 10, QLatin1Char('0')));
+    }
+    if (depth != 0) {
+        std::reverse(listed.begin(), listed.end());
+        std::reverse(sizes.begin(), sizes.end());
+    }
+    const qint64 total = std::accumulate(sizes.cbegin(), sizes.cend(), qint64(0));
+    // Each file's one report comes before it counts as copied.
+    QStringList expected { QStringLiteral("P 0 0") };
+    qint64 done = 0;
+    for (int copied = 0; copied < sizes.size(); ++copied) {
+        done += sizes.at(copied);
+        const int percent = std::min(99, qRound(double(done) / double(total) * 100.0));
+        expected << QStringLiteral("P %1 %2").arg(percent).arg(copied)
+                 << QStringLiteral("F ") + listed.at(copied);
+    }
+    expected << QStringLiteral("P 100 %1").arg(sizes.size());
+
+    TFileCopyTask task(TFileCopyTask::OverwriteAll);
+    QStringList received;
+    QObject::connect(&task, &TFileCopyTask::Progress, [&](int percent, int copied, int skipped) {
+        received << QStringLiteral("P %1 %2").arg(percent).arg(copied);
+        QCOMPARE(skipped, 0);
+    });
+    QObject::connect(&task, &TFileCopyTask::FileCopied, [&](const QFileInfo &file) {
+        received << QStringLiteral("F ") + src.relativeFilePath(file.absoluteFilePath());
+    });
+    QSignalSpy finished(&task, &TFileCopyTask::State);
+    task.CopyFiles({ QFileInfo(src.filePath(QStringLiteral("t"))) }, QRegExp::escape(src.path()),
+                   tmp.path() + QStringLiteral("/dst"), depth);
+    QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 60000);
+    QCOMPARE(finished.at(0).at(0).toInt(), int(TFileCopyTask::StateFinished));
+    QCOMPARE(received, expected);
+    for (int i = 0; i < listed.size(); ++i)
+        QCOMPARE(QFileInfo(tmp.path() + QStringLiteral("/dst/") + listed.at(i)).size(),
+                 sizes.at(i));
+}
+
+// A directory that can be read but not searched cannot be copied: it is a
+// work item all the same, and it fails where it is met rather than being
+// passed over unseen. Root searches every directory, so as root the test
+// runs itself as user nobody.
+void tst_CopyTaskEntries::unsearchableDirectory_data()
+{
+    QTest::addColumn<int>("depth");
+    QTest::newRow("an item a file") << 100;
+    QTest::newRow("one item") << 0;
+}
+
+// Permissions do not hold root back: run as root, a test of what they deny
+// runs its row again as user nobody, and skips, saying why, where it cannot.
+#define RUN_AS_NOBODY_WHEN_ROOT()                                                                  \
+    do {                                                                                           \
+        if (::geteuid() != 0)                                                                      \
+            break;                                                                                 \
+        QProcess child;                                                                            \
+        child.setProcessChannelMode(QProcess::MergedChannels); /* why it could not run */          \
+        child.start(QStringLiteral("setpriv"),                                                     \
+                    { QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),            \
+                      QStringLiteral("--clear-groups"), QCoreApplication::applicationFilePath(),   \
+                      QLatin1String(QTest::currentTestFunction()) + QLatin1Char(':')               \
+                              + QLatin1String(QTest::currentDataTag()) });                         \
+        QVERIFY2(child.waitForFinished(60000), "the test run as user nobody did not end");         \
+        const QString output = QString::fromLocal8Bit(child.readAll());                            \
+        if (!output.contains(QLatin1String("Totals:")))                                            \
+            QSKIP(qPrintable(QStringLiteral("cannot run as user nobody: ") + output.trimmed()));   \
+        QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0,              \
+                 qPrintable(output));                                                              \
+        return;                                                                                    \
+    } while (false)
+
+void tst_CopyTaskEntries::unsearchableDirectory()
+{
+    QFETCH(int, depth);
+    RUN_AS_NOBODY_WHEN_ROOT();
+    QTemporaryDir tmp;
+    MakeTree(tmp.path(), QStringLiteral("src/d/a.txt=a src/d/sub/f.txt=f"));
+    const QString src = tmp.path() + QStringLiteral("/src");
+    const QString sub = src + QStringLiteral("/d/sub");
+    QVERIFY(QFile::setPermissions(sub, QFile::ReadOwner | QFile::ReadGroup | QFile::ReadOther));
+    // Searchable again at the end, so that the temporary directory can go.
+    const auto searchable = qScopeGuard([&sub] {
+        QFile::setPermissions(sub, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    });
+    if (depth != 0) {
+        QStringList items;
+        for (const QFileInfo &item :
+             TFileCopyTask::WorkItems(QFileInfo(src + QStringLiteral("/d")), depth))
+            items << QDir(src).relativeFilePath(item.filePath());
+        QCOMPARE(items.join(QLatin1Char(' ')), QStringLiteral("d/a.txt d/sub"));
+    }
+
+    TFileCopyTask task(TFileCopyTask::OverwriteAll);
+    QStringList failed;
+    QObject::connect(task.Notifier(), &TFileCopyNotifier::EntryFailed,
+                     [&](const QFileInfo &entry, int error) {
+                         failed << QDir(src).relativeFilePath(entry.filePath()) + QLatin1Char(' ')
+                                         + QLatin1String(::strerrorname_np(error));
+                     });
+    QSignalSpy state(&task, &TFileCopyTask::State);
+    task.CopyFiles({ QFileInfo(src + QStringLiteral("/d")) }, QRegExp::escape(src),
+                   tmp.path() + QStringLiteral("/dst"), depth);
+    QTRY_COMPARE_WITH_TIMEOUT(state.count(), 1, 60000);
+    QCOMPARE(failed, QStringList { QStringLiteral("d/sub EACCES") });
+    // Failed with the other item left, or with none.
+    QCOMPARE(state.at(0).at(0).toInt(),
+             int(depth != 0 ? TFileCopyTask::StateCopyFailed : TFileCopyTask::StateFinished));
+}
+
+void tst_CopyTaskEntries::unreadableSource_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("tree");
+    QTest::newRow("its own name") << "a.txt"
+                                  << "src/a.txt=new dst/a.txt=old";
+    QTest::newRow("and the lower-cased one") << "a.TXT"
+                                             << "src/a.TXT=new dst/a.TXT=old dst/a.txt=old";
+}
+
+// A file that is there but cannot be read is not a vanished one: the old
+// copies go, as the copy of a file always removes them first, and the copy
+// fails.
+void tst_CopyTaskEntries::unreadableSource()
+{
+    QFETCH(QString, name);
+    QFETCH(QString, tree);
+    RUN_AS_NOBODY_WHEN_ROOT();
+    QTemporaryDir tmp;
+    MakeTree(tmp.path(), tree);
+    const QString source = tmp.path() + QStringLiteral("/src/") + name;
+    QVERIFY(QFile::setPermissions(source, QFile::WriteOwner));
+    TFileCopyTask task(TFileCopyTask::OverwriteAll);
+    QStringList failed;
+    QObject::connect(task.Notifier(), &TFileCopyNotifier::EntryFailed,
+                     [&failed](const QFileInfo &entry, int error) {
+                         failed << entry.fileName() + QLatin1Char(' ')
+                                         + QLatin1String(::strerrorname_np(error));
+                     });
+    QSignalSpy state(&task, &TFileCopyTask::State);
+    task.CopyFiles({ QFileInfo(source) }, QRegExp::escape(tmp.path() + QStringLiteral("/src")),
+                   tmp.path() + QStringLiteral("/dst"), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(state.count(), 1, 60000);
+    QCOMPARE(failed, QStringList { name + QStringLiteral(" EACCES") });
+    QCOMPARE(state.at(0).at(0).toInt(), int(TFileCopyTask::StateFinished));
+    QCOMPARE(QDir(tmp.path() + QStringLiteral("/dst")).entryList(QDir::Files), QStringList());
+}
+
+QTEST_GUILESS_MAIN(tst_CopyTaskEntries)
+#include "tst_copytaskentries.moc"
