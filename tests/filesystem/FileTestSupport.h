@@ -3,7 +3,12 @@
 
 #include "HangWatch.h"
 
+#include <Trellis/TLocalTime.h>
+
 #include <QtCore>
+#include <QtTest>
+
+#include <optional>
 
 #include <sys/stat.h>
 
@@ -99,5 +104,61 @@ inline int run(QStringList command, QByteArray *output = nullptr)
         *output = process.readAll();
     return finished && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
+
+// size bytes that look random, the same for the same seed.
+inline QByteArray randomBytes(qint64 size, quint32 seed = 1)
+{
+    QByteArray bytes(int(size + 3) & ~3, Qt::Uninitialized);
+    QRandomGenerator(seed).fillRange(reinterpret_cast<quint32 *>(bytes.data()), bytes.size() / 4);
+    return bytes.left(int(size));
+}
+
+// The stamp TLocalTime::setFileTime() gives now, in seconds since the epoch.
+inline qint64 stampNow()
+{
+    const QDateTime now = TLocalTime::currentDateTime();
+    return now.toSecsSinceEpoch() - now.time().second();
+}
+
+// Whether path was stamped at a whole minute from the stamp before on.
+inline bool isStamped(const QString &path, qint64 before)
+{
+    const qint64 time = status(path).st_mtime;
+    return time >= before && time <= stampNow() && time % 60 == 0;
+}
+
+// A test program of files: it runs with the umask 022, in UTC with the
+// offset clock 400 days back, so that a stamp stands apart from the time a
+// file was written, and each test works in a fresh temporary directory made
+// the working directory. LeakSanitizer cannot inspect a process that is
+// being traced, so child processes run under strace do without it.
+class FileTestCase : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        ::umask(022);
+        qputenv("TZ", "UTC");
+        tzset();
+        TLocalTime::SetOffset(-400 * 24 * 3600);
+        qputenv("ASAN_OPTIONS", qgetenv("ASAN_OPTIONS") + ":detect_leaks=0");
+    }
+    void init()
+    {
+        m_dir.emplace();
+        QVERIFY(m_dir->isValid() && QDir::setCurrent(m_dir->path()));
+    }
+    void cleanup()
+    {
+        QDir::setCurrent(m_start);
+        m_dir.reset();
+    }
+
+private:
+    const QString m_start = QDir::currentPath();
+    std::optional<QTemporaryDir> m_dir;
+};
 
 #endif // TRELLIS_FILETESTSUPPORT_H
