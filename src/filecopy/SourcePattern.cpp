@@ -53,8 +53,14 @@ QString SourcePattern::replaced(const QString &path, const QString &replacement)
 {
     if (!m_isLiteral) {
         QRegExp matcher(m_pattern);
-        return matcher.indexIn(path) == -1 ? QString()
-                                           : QString(path).replace(matcher, replacement);
+        if (matcher.indexIn(path) == -1)
+            return QString();
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+        // Qt 6 moved QString::replace(QRegExp) into QRegExp itself.
+        return matcher.replaceIn(path, replacement);
+#else
+        return QString(path).replace(matcher, replacement);
+#endif
     }
     if (!path.startsWith(m_literal))
         return QString();
