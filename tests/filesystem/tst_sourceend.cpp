@@ -4,6 +4,8 @@
 
 #include <QtTest>
 
+#include <numeric>
+
 // A copy reads its source until reading finds the end, as a copy chunk by
 // chunk does, and does not stop where the source's size said it would end:
 // bytes added while the progress receiver runs are copied too, and a source
@@ -48,19 +50,18 @@ private slots:
     {
         QTest::addColumn<int>("size");
         QTest::addColumn<int>("added");
-        QTest::addColumn<QList<qint64>>("reports");
-        QTest::newRow("by less than a chunk") << 10000 << 5000 << QList<qint64> { 10000, 5000 };
-        QTest::newRow("by several chunks") << 10000 << 9000 << QList<qint64> { 10000, 9000 };
-        QTest::newRow("from one chunk") << 4096 << 1 << QList<qint64> { 4096, 1 };
+        QTest::newRow("by less than a chunk") << 10000 << 5000;
+        QTest::newRow("by several chunks") << 10000 << 9000;
+        QTest::newRow("from one chunk") << 4096 << 1;
     }
 
-    // The only call of a small file's copy comes at its last chunk; what
+    // The first call of a small file's copy comes at its last chunk, unless
+    // the machine is slow enough to make it come earlier; either way what
     // the receiver adds then is copied and reported after it.
     void growsAtReport()
     {
         QFETCH(int, size);
         QFETCH(int, added);
-        QFETCH(QList<qint64>, reports);
         GrowingSource receiver;
         receiver.source = m_dir->filePath("source"_s);
         receiver.added = QByteArray(added, 'b');
@@ -68,7 +69,9 @@ private slots:
         const QString copy = m_dir->filePath("copy"_s);
         QVERIFY(TFileSystemHelper::FileCopyWithProgress(receiver.source, copy, &receiver,
                                                         "OnBytesWritten", false));
-        QCOMPARE(receiver.reports, reports);
+        QVERIFY2(receiver.reports.size() >= 2, "nothing was reported after the source grew");
+        QCOMPARE(std::accumulate(receiver.reports.cbegin(), receiver.reports.cend(), qint64(0)),
+                 qint64(size + added));
         QCOMPARE(readFile(copy), QByteArray(size, 'a') + receiver.added);
     }
 
