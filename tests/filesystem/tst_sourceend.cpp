@@ -33,19 +33,11 @@ public:
     }
 };
 
-class tst_SourceEnd : public QObject
+class tst_SourceEnd : public FileTestCase
 {
     Q_OBJECT
 
-    std::unique_ptr<QTemporaryDir> m_dir;
-
 private slots:
-    void init()
-    {
-        m_dir = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_dir->isValid());
-    }
-
     void growsAtReport_data()
     {
         QTest::addColumn<int>("size");
@@ -63,10 +55,10 @@ private slots:
         QFETCH(int, size);
         QFETCH(int, added);
         GrowingSource receiver;
-        receiver.source = m_dir->filePath("source"_s);
+        receiver.source = "source"_s;
         receiver.added = QByteArray(added, 'b');
         QVERIFY(writeFile(receiver.source, QByteArray(size, 'a')));
-        const QString copy = m_dir->filePath("copy"_s);
+        const QString copy = "copy"_s;
         QVERIFY(TFileSystemHelper::FileCopyWithProgress(receiver.source, copy, &receiver,
                                                         "OnBytesWritten", false));
         QVERIFY2(receiver.reports.size() >= 2, "nothing was reported after the source grew");
@@ -89,7 +81,7 @@ private slots:
         QCOMPARE(QFileInfo(source).size(), 0);
         QVERIFY2(contents.size() > 10000, contents.left(100).constData());
 
-        const QString copy = m_dir->filePath("copy"_s);
+        const QString copy = "copy"_s;
         const bool copied = TFileSystemHelper::FileCopy(source, copy, false);
         child.closeWriteChannel();
         QVERIFY2(child.waitForFinished(int(HangBound.count()) * 1000), "the child did not end");
