@@ -75,8 +75,8 @@ private Q_SLOTS:
         QTest::newRow("20 characters, 15 kept")
                 << QStringLiteral("Archive-Packer-No-19") << QByteArray("Archive-Packer-");
         QTest::newRow("empty") << QString() << QByteArray();
-        QTest::newRow("Latin-1") << QStringLiteral("Zähler") << QByteArray("Z\xe4hler");
-        QTest::newRow("beyond Latin-1") << QStringLiteral("Поток") << QByteArray("?????");
+        // Characters beyond Latin-1 become '?'.
+        QTest::newRow("non-ASCII") << QStringLiteral("Zä-Поток") << QByteArray("Z\xe4-?????");
     }
 
     // Before the first start(), wait() returns at once, Stop() only signals, and
@@ -101,8 +101,8 @@ private Q_SLOTS:
             expected.prepend(QString::fromLatin1(name.toLatin1() + ' '));
         QSemaphore ran; // outlives the worker's thread
         RecordingWorker worker(name);
-        worker.MoveToThisThread(nullptr),
-                worker.Stop(); // the first ignored, the second only signals
+        worker.MoveToThisThread(nullptr); // ignored
+        worker.Stop(); // only signals
         QVERIFY(worker.wait() && std::exchange(eventLog, {}) == stop);
         QMetaObject::invokeMethod(
                 &worker, [&] { record(QStringLiteral("call")), ran.release(); },
