@@ -109,7 +109,6 @@ private slots:
         };
         QDateTime now = TLocalTime::systemDateTime();
         now.setTime(QTime(now.time().hour(), now.time().minute()));
-        set("two hours ahead", now.addSecs(7200));
         const qint64 nearLimit = INT_MAX / 60 * 60 - 3600; // whole minutes
         set("near the largest offset", now.addSecs(nearLimit));
         set("near the smallest offset", now.addSecs(-nearLimit));
@@ -123,7 +122,7 @@ private slots:
         const auto refuse = [](const char *name, const QList<int> &fields) {
             QTest::newRow(name) << QByteArray("UTC0") << fields << Refused;
         };
-        refuse("month 13", { 2024, 13, 1, 12, 0, 0 });
+        refuse("hour 24", { 2024, 1, 1, 24, 0, 0 }); // not taken as midnight
         refuse("29 February, no leap year", { 2023, 2, 29, 12, 0, 0 });
         refuse("just past the largest offset", fieldsOf(now.addSecs(INT_MAX + 100LL)));
         refuse("just past the smallest offset", fieldsOf(now.addSecs(INT_MIN - 100LL)));
