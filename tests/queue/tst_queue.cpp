@@ -282,20 +282,19 @@ private slots:
             const int total = qBound(64 * 1024, capacity * 4096, 24 * 1024 * 1024);
             QByteArray stream(total, Qt::Uninitialized),
                     received(total + 2 * capacity, Qt::Uninitialized);
-            for (int i = 0; i < total;
-                 ++i) // a lost, doubled or misplaced piece cannot go unnoticed
+            // A lost, doubled or misplaced piece cannot go unnoticed.
+            for (int i = 0; i < total; ++i)
                 stream[i] = char(i ^ (i >> 7) ^ (i >> 13));
             TCommBuffer buffer(capacity);
             ThreadCrew crew;
-            crew.add(QStringLiteral("writer, capacity %1").arg(capacity), total,
-                     [&](auto &written) {
-                         QRandomGenerator random(1);
-                         for (int count = 0; written < total; written += count) {
-                             count = qMin(int(random.bounded(1, capacity + 1)), total - written);
-                             while (!buffer.Write(stream.constData() + written, count))
-                                 std::this_thread::yield();
-                         }
-                     });
+            crew.add(QStringLiteral("writer, capacity %1").arg(capacity), total, [&](auto &sent) {
+                QRandomGenerator random(1);
+                for (int count = 0; sent < total; sent += count) {
+                    count = qMin(int(random.bounded(1, capacity + 1)), total - sent);
+                    while (!buffer.Write(stream.constData() + sent, count))
+                        std::this_thread::yield();
+                }
+            });
             crew.add(QStringLiteral("reader, capacity %1").arg(capacity), total, [&](auto &read) {
                 QRandomGenerator random(2);
                 for (int count = 0; read < total && count >= 0; read += count)
