@@ -113,6 +113,10 @@ private slots:
         set("near the largest offset", now.addSecs(nearLimit));
         set("near the smallest offset", now.addSecs(-nearLimit));
         set("before 1970", QDateTime(QDate(1965, 6, 15), QTime(8, 0), Qt::UTC));
+        // Stamps are worked out once a minute: the rows before these set the
+        // same zone's clock an hour, then a minute, before theirs.
+        set("an hour later", QDateTime(QDate(1965, 6, 15), QTime(9, 0), Qt::UTC));
+        set("a minute later", QDateTime(QDate(1965, 6, 15), QTime(9, 1), Qt::UTC));
         // Just past 2^31 seconds after 1970 (03:14:08 UTC), where a 32-bit time_t ends.
         set("past 2^31 s, east of UTC", QDateTime(QDate(2038, 1, 19), QTime(8, 45), Qt::UTC),
             "XST-5:30", 19800);
