@@ -2,18 +2,11 @@
 
 #include <Trellis/TFileCopyTask.h>
 
-#include <QProcess>
-#include <QScopeGuard>
-
 #include <algorithm>
-#include <cstring>
 #include <numeric>
 
-#include <unistd.h>
-
 // What a batch is made of and copied as: its work items and entries, their
-// order, the sizes its progress is measured by, and the entries that
-// permissions keep from being read.
+// order, and the sizes its progress is measured by.
 class tst_CopyTaskEntries : public QObject
 {
     Q_OBJECT
@@ -25,10 +18,6 @@ private slots:
     void listingOrder();
     void manyFiles_data();
     void manyFiles();
-    void unsearchableDirectory_data();
-    void unsearchableDirectory();
-    void unreadableSource_data();
-    void unreadableSource();
 };
 
 // The plan of a batch, as the task shows it without copying: the work items
@@ -227,115 +216,6 @@ void tst_CopyTaskEntries::manyFiles()
     for (int i = 0; i < listed.size(); ++i)
         QCOMPARE(QFileInfo(tmp.path() + QStringLiteral("/dst/") + listed.at(i)).size(),
                  sizes.at(i));
-}
-
-// A directory that can be read but not searched cannot be copied: it is a
-// work item all the same, and it fails where it is met rather than being
-// passed over unseen. Root searches every directory, so as root the test
-// runs itself as user nobody.
-void tst_CopyTaskEntries::unsearchableDirectory_data()
-{
-    QTest::addColumn<int>("depth");
-    QTest::newRow("an item a file") << 100;
-    QTest::newRow("one item") << 0;
-}
-
-// Permissions do not hold root back: run as root, a test of what they deny
-// runs its row again as user nobody, and skips, saying why, where it cannot.
-#define RUN_AS_NOBODY_WHEN_ROOT()                                                                  \
-    do {                                                                                           \
-        if (::geteuid() != 0)                                                                      \
-            break;                                                                                 \
-        QProcess child;                                                                            \
-        child.setProcessChannelMode(QProcess::MergedChannels); /* why it could not run */          \
-        child.start(QStringLiteral("setpriv"),                                                     \
-                    { QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),            \
-                      QStringLiteral("--clear-groups"), QCoreApplication::applicationFilePath(),   \
-                      QLatin1String(QTest::currentTestFunction()) + QLatin1Char(':')               \
-                              + QLatin1String(QTest::currentDataTag()) });                         \
-        QVERIFY2(child.waitForFinished(60000), "the test run as user nobody did not end");         \
-        const QString output = QString::fromLocal8Bit(child.readAll());                            \
-        if (!output.contains(QLatin1String("Totals:")))                                            \
-            QSKIP(qPrintable(QStringLiteral("cannot run as user nobody: ") + output.trimmed()));   \
-        QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0,              \
-                 qPrintable(output));                                                              \
-        return;                                                                                    \
-    } while (false)
-
-void tst_CopyTaskEntries::unsearchableDirectory()
-{
-    QFETCH(int, depth);
-    RUN_AS_NOBODY_WHEN_ROOT();
-    QTemporaryDir tmp;
-    MakeTree(tmp.path(), QStringLiteral("src/d/a.txt=a src/d/sub/f.txt=f"));
-    const QString src = tmp.path() + QStringLiteral("/src");
-    const QString sub = src + QStringLiteral("/d/sub");
-    QVERIFY(QFile::setPermissions(sub, QFile::ReadOwner | QFile::ReadGroup | QFile::ReadOther));
-    // Searchable again at the end, so that the temporary directory can go.
-    const auto searchable = qScopeGuard([&sub] {
-        QFile::setPermissions(sub, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    });
-    if (depth != 0) {
-        QStringList items;
-        for (const QFileInfo &item :
-             TFileCopyTask::WorkItems(QFileInfo(src + QStringLiteral("/d")), depth))
-            items << QDir(src).relativeFilePath(item.filePath());
-        QCOMPARE(items.join(QLatin1Char(' ')), QStringLiteral("d/a.txt d/sub"));
-    }
-
-    TFileCopyTask task(TFileCopyTask::OverwriteAll);
-    QStringList failed;
-    QObject::connect(task.Notifier(), &TFileCopyNotifier::EntryFailed,
-                     [&](const QFileInfo &entry, int error) {
-                         failed << QDir(src).relativeFilePath(entry.filePath()) + QLatin1Char(' ')
-                                         + QLatin1String(::strerrorname_np(error));
-                     });
-    QSignalSpy state(&task, &TFileCopyTask::State);
-    task.CopyFiles({ QFileInfo(src + QStringLiteral("/d")) }, QRegExp::escape(src),
-                   tmp.path() + QStringLiteral("/dst"), depth);
-    QTRY_COMPARE_WITH_TIMEOUT(state.count(), 1, 60000);
-    QCOMPARE(failed, QStringList { QStringLiteral("d/sub EACCES") });
-    // Failed with the other item left, or with none.
-    QCOMPARE(state.at(0).at(0).toInt(),
-             int(depth != 0 ? TFileCopyTask::StateCopyFailed : TFileCopyTask::StateFinished));
-}
-
-void tst_CopyTaskEntries::unreadableSource_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("tree");
-    QTest::newRow("its own name") << "a.txt"
-                                  << "src/a.txt=new dst/a.txt=old";
-    QTest::newRow("and the lower-cased one") << "a.TXT"
-                                             << "src/a.TXT=new dst/a.TXT=old dst/a.txt=old";
-}
-
-// A file that is there but cannot be read is not a vanished one: the old
-// copies go, as the copy of a file always removes them first, and the copy
-// fails.
-void tst_CopyTaskEntries::unreadableSource()
-{
-    QFETCH(QString, name);
-    QFETCH(QString, tree);
-    RUN_AS_NOBODY_WHEN_ROOT();
-    QTemporaryDir tmp;
-    MakeTree(tmp.path(), tree);
-    const QString source = tmp.path() + QStringLiteral("/src/") + name;
-    QVERIFY(QFile::setPermissions(source, QFile::WriteOwner));
-    TFileCopyTask task(TFileCopyTask::OverwriteAll);
-    QStringList failed;
-    QObject::connect(task.Notifier(), &TFileCopyNotifier::EntryFailed,
-                     [&failed](const QFileInfo &entry, int error) {
-                         failed << entry.fileName() + QLatin1Char(' ')
-                                         + QLatin1String(::strerrorname_np(error));
-                     });
-    QSignalSpy state(&task, &TFileCopyTask::State);
-    task.CopyFiles({ QFileInfo(source) }, QRegExp::escape(tmp.path() + QStringLiteral("/src")),
-                   tmp.path() + QStringLiteral("/dst"), 0);
-    QTRY_COMPARE_WITH_TIMEOUT(state.count(), 1, 60000);
-    QCOMPARE(failed, QStringList { name + QStringLiteral(" EACCES") });
-    QCOMPARE(state.at(0).at(0).toInt(), int(TFileCopyTask::StateFinished));
-    QCOMPARE(QDir(tmp.path() + QStringLiteral("/dst")).entryList(QDir::Files), QStringList());
 }
 
 QTEST_GUILESS_MAIN(tst_CopyTaskEntries)

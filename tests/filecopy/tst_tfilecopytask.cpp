@@ -46,6 +46,28 @@ void AddRow(const QByteArray &name, const char *tree, const QByteArray &steps,
 
 } // namespace
 
+// Permissions do not hold root back: run as root, a row that takes them
+// away runs again as user nobody, and skips, saying why, where it cannot.
+#define RUN_AS_NOBODY_WHEN_ROOT()                                                                  \
+    do {                                                                                           \
+        if (::geteuid() != 0)                                                                      \
+            break;                                                                                 \
+        QProcess child;                                                                            \
+        child.setProcessChannelMode(QProcess::MergedChannels); /* why it could not run */          \
+        child.start(QStringLiteral("setpriv"),                                                     \
+                    { QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),            \
+                      QStringLiteral("--clear-groups"), QCoreApplication::applicationFilePath(),   \
+                      QLatin1String(QTest::currentTestFunction()) + QLatin1Char(':')               \
+                              + QLatin1String(QTest::currentDataTag()) });                         \
+        QVERIFY2(child.waitForFinished(60000), "the test run as user nobody did not end");         \
+        const QString output = QString::fromLocal8Bit(child.readAll());                            \
+        if (!output.contains(QLatin1String("Totals:")))                                            \
+            QSKIP(qPrintable(QStringLiteral("cannot run as user nobody: ") + output.trimmed()));   \
+        QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0,              \
+                 qPrintable(output));                                                              \
+        return;                                                                                    \
+    } while (false)
+
 class tst_TFileCopyTask : public QObject
 {
     Q_OBJECT
@@ -72,6 +94,8 @@ private slots:
 //       the file, or the directory with its contents, at path, then makes
 //       tree (see MakeTree()) when one is given.
 //   Fifo:path  makes a named pipe.
+//   Chmod:path:mode  sets the octal mode; the row then runs as user nobody
+//       when run as root, whom permissions do not hold back.
 //   Undecodable:path  makes a file named by path's bytes and a byte 0xff,
 //       which UTF-8 file names cannot represent.
 // "@" stands for the temporary directory.
@@ -190,6 +214,21 @@ void tst_TFileCopyTask::batches_data()
            "SetFileExistAction:2+RemoveAtCopied:@/src/d/b.txt+Copy:0:d",
            "P 0 0 0, P 50 0 0, F d/a.txt, P 100 1 0, S 4 -", "dst/d=/a.txt,b.txt dst/d/b.txt=old");
 
+    // Permissions: a directory that can be read but not searched is a work
+    // item all the same, and fails where it is met rather than being passed
+    // over unseen.
+    const char *unsearchable = "Chmod:@/src/d/sub:444+Copy:";
+    AddRow("an unsearchable directory is an item", "src/d/a.txt=a src/d/sub/f.txt=f",
+           unsearchable + QByteArray("100:d"), "P 0 0 0, X d/sub EACCES, S 3 d/a.txt", "dst=-");
+    AddRow("an unsearchable directory in an item", "src/d/a.txt=a src/d/sub/f.txt=f",
+           unsearchable + QByteArray("0:d"),
+           "P 0 0 0, P *, F d/a.txt, X d/sub EACCES, P 100 1 0, S 4 -", "dst/d=/a.txt");
+    // A file that cannot be read is not a vanished one: its old copies go,
+    // under both names, as the copy of a file always removes them first.
+    AddRow("an unreadable file", "src/a.TXT=new dst/a.TXT=old dst/a.txt=old",
+           "SetFileExistAction:2+Chmod:@/src/a.TXT:200+Copy:0:a.TXT",
+           "P 0 0 0, X a.TXT EACCES, P 100 0 0, S 4 -", "dst=/");
+
     const QByteArray nothing = "P 100 0 0, P 100 0 0, S 4 -";
     AddRow("Continue on a new task", "src/a.txt=a", "ContinueOverwrite", nothing, "dst=-");
     for (const char *copy : { "Copy:0:", "Copy:0:missing.txt", "Copy:0:a.txt:@/elsewhere" })
@@ -256,6 +295,8 @@ void tst_TFileCopyTask::batches()
     QFETCH(QString, steps);
     QFETCH(QString, events);
     QFETCH(QString, files);
+    if (steps.contains(QLatin1String("Chmod:")))
+        RUN_AS_NOBODY_WHEN_ROOT();
     QTemporaryDir tmp;
     const QString src = tmp.path() + QStringLiteral("/src");
     MakeTree(tmp.path(), tree);
@@ -317,11 +358,14 @@ void tst_TFileCopyTask::batches()
         thread.MoveToThisThread(&task);
     }
 
-    // Files whose names QDir cannot name, removed before the directory.
-    QByteArrayList undecodable;
-    const auto removeUndecodable = qScopeGuard([&undecodable] {
+    // Undone before the temporary directory goes: files whose names QDir
+    // cannot name, and modes that keep it from being removed.
+    QByteArrayList undecodable, chmodded;
+    const auto undo = qScopeGuard([&] {
         for (const QByteArray &path : std::as_const(undecodable))
             ::unlink(path.constData());
+        for (const QByteArray &path : std::as_const(chmodded))
+            ::chmod(path.constData(), 0700);
     });
     int passes = 0;
     for (const QString &step :
@@ -348,6 +392,9 @@ void tst_TFileCopyTask::batches()
                 makeAtCopied = word.value(2);
             } else if (name == "Fifo") {
                 QCOMPARE(::mkfifo(QFile::encodeName(word[1]).constData(), 0644), 0);
+            } else if (name == "Chmod") {
+                chmodded << QFile::encodeName(word[1]);
+                QCOMPARE(::chmod(chmodded.constLast().constData(), word[2].toUInt(nullptr, 8)), 0);
             } else if (name == "Undecodable") {
                 if (QFile::encodeName(QStringLiteral("\u00e9")) != "\xc3\xa9")
                     QSKIP("file names are not encoded in UTF-8 here");
