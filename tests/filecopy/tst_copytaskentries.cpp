@@ -12,7 +12,6 @@ class tst_CopyTaskEntries : public QObject
     Q_OBJECT
 
 private slots:
-    void plan_data();
     void plan();
     void listingOrder_data();
     void listingOrder();
@@ -21,41 +20,19 @@ private slots:
 };
 
 // The plan of a batch, as the task shows it without copying: the work items
-// of src/t split at depth, the entries of each item, what both leave out
-// ("path Reason"), and the destination of each entry for the prefixes
-// src/ and dst/%1 ("-" where the prefix does not match).
-void tst_CopyTaskEntries::plan_data()
-{
-    QTest::addColumn<int>("depth");
-    QTest::addColumn<QString>("items");
-    QTest::addColumn<QString>("entries");
-    QTest::addColumn<QString>("leftOut");
-
-    QTest::newRow("split to files") << -1 << "t/A/x.txt t/b.txt t/e"
-                                    << "t/A/x.txt t/b.txt t/e"
-                                    << "t/.h HiddenName, t/A/up LinkIntoTree";
-    QTest::newRow("one item") << 0 << "t"
-                              << "t/A/x.txt t/b.txt t/e"
-                              << "t/.h HiddenName, t/A/up LinkIntoTree";
-    QTest::newRow("split one level") << 1 << "t/A t/b.txt t/e"
-                                     << "t/A/x.txt t/b.txt t/e"
-                                     << "t/.h HiddenName, t/A/up LinkIntoTree";
-}
-
+// of src/t split one level deep, the entries of each item, what both leave
+// out ("path Reason"), and the destinations for the prefixes src/ and
+// dst/%1.
 void tst_CopyTaskEntries::plan()
 {
-    QFETCH(int, depth);
-    QFETCH(QString, items);
-    QFETCH(QString, entries);
-    QFETCH(QString, leftOut);
     QTemporaryDir tmp;
     MakeTree(tmp.path(),
              QStringLiteral("src/t/b.txt=b src/t/A/x.txt=x src/t/.h=h src/t/e/ "
-                            "src/t/A/up->.. src/elsewhere.txt=e"));
+                            "src/t/A/up->.. src/Y.TXT=new dst/Y/Y.txt=old"));
     const QDir src(tmp.path() + QStringLiteral("/src"));
-    QStringList leftOutSeen;
+    QStringList leftOut;
     const auto noteLeftOut = [&](const QFileInfo &entry, TFileCopyNotifier::LeftOutReason reason) {
-        leftOutSeen << src.relativeFilePath(entry.absoluteFilePath()) + QLatin1Char(' ')
+        leftOut << src.relativeFilePath(entry.absoluteFilePath()) + QLatin1Char(' ')
                         + QLatin1String(QMetaEnum::fromType<decltype(reason)>().valueToKey(reason));
     };
     const auto names = [&src](const QList<QFileInfo> &list) {
@@ -65,18 +42,21 @@ void tst_CopyTaskEntries::plan()
         return relative.join(QLatin1Char(' '));
     };
 
-    const QList<QFileInfo> workItems = TFileCopyTask::WorkItems(
-            QFileInfo(src.filePath(QStringLiteral("t"))), depth, noteLeftOut);
-    QCOMPARE(names(workItems), items);
-    QList<QFileInfo> allEntries;
+    const QFileInfo t(src.filePath(QStringLiteral("t")));
+    const QList<QFileInfo> workItems = TFileCopyTask::WorkItems(t, 1, noteLeftOut);
+    QCOMPARE(names(workItems), QStringLiteral("t/A t/b.txt t/e"));
+    QList<QFileInfo> entries;
     for (const QFileInfo &item : workItems)
-        allEntries += TFileCopyTask::Entries(item, noteLeftOut);
-    QCOMPARE(names(allEntries), entries);
-    QCOMPARE(leftOutSeen.join(QStringLiteral(", ")), leftOut);
+        entries += TFileCopyTask::Entries(item, noteLeftOut);
+    QCOMPARE(names(entries), QStringLiteral("t/A/x.txt t/b.txt t/e"));
+    QCOMPARE(leftOut.join(QStringLiteral(", ")),
+             QStringLiteral("t/.h HiddenName, t/A/up LinkIntoTree"));
+    // A negative depth splits all the way down.
+    QCOMPARE(names(TFileCopyTask::WorkItems(t, -1)), names(entries));
 
     const QString srcPrefix = QRegExp::escape(src.path());
     const QString destPrefix = tmp.path() + QStringLiteral("/dst/%1");
-    QCOMPARE(TFileCopyTask::DestinationPath(allEntries.constFirst(), srcPrefix, destPrefix),
+    QCOMPARE(TFileCopyTask::DestinationPath(entries.constFirst(), srcPrefix, destPrefix),
              tmp.path() + QStringLiteral("/dst/x/t/A/x.txt"));
     // Every spelling of a path leads where its absolute, clean form leads,
     // and a file's work item is the file as it was spelled.
@@ -86,17 +66,12 @@ void tst_CopyTaskEntries::plan()
            QDir::current().relativeFilePath(src.filePath(QStringLiteral("t/b.txt"))) }) {
         QCOMPARE(TFileCopyTask::DestinationPath(QFileInfo(spelling), srcPrefix, destPrefix),
                  tmp.path() + QStringLiteral("/dst/b/t/b.txt"));
-        const QList<QFileInfo> spelled = TFileCopyTask::WorkItems(QFileInfo(spelling), depth);
-        QCOMPARE(spelled.size(), 1);
-        QCOMPARE(spelled.constFirst().filePath(), spelling);
+        QCOMPARE(TFileCopyTask::WorkItems(QFileInfo(spelling), 1).value(0).filePath(), spelling);
     }
     // A conflict, as a pass tests it: a file also under its written name.
-    MakeTree(tmp.path(), QStringLiteral("src/t/B.TXT=new"));
-    const QFileInfo upper(src.filePath(QStringLiteral("t/B.TXT")));
-    QVERIFY(TFileCopyTask::ExistingDestination(upper, srcPrefix, destPrefix).isNull());
-    MakeTree(tmp.path(), QStringLiteral("dst/B/t/B.txt=old"));
-    QCOMPARE(TFileCopyTask::ExistingDestination(upper, srcPrefix, destPrefix),
-             tmp.path() + QStringLiteral("/dst/B/t/B.txt"));
+    QCOMPARE(TFileCopyTask::ExistingDestination(QFileInfo(src.filePath(QStringLiteral("Y.TXT"))),
+                                                srcPrefix, destPrefix),
+             tmp.path() + QStringLiteral("/dst/Y/Y.txt"));
     QVERIFY(TFileCopyTask::DestinationPath(QFileInfo(QStringLiteral("/elsewhere/t/b.txt")),
                                            srcPrefix, destPrefix)
                     .isNull());
