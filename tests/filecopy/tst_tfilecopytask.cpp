@@ -125,13 +125,12 @@ void tst_TFileCopyTask::batches_data()
     // Split one level, d gives the item d/sub. dst/d is a file, so nothing
     // can be written below it, as root neither. The rest of the failed item
     // (y.txt) is dropped.
-    const char *failing = "src/a.txt=a src/b.txt=b src/d/sub/x.txt=x src/d/sub/y.txt=y dst/d=file";
-    AddRow("a failure with items left pauses", failing, "Copy:1:a.txt d b.txt, ContinueSkip",
+    AddRow("a failure pauses with items left, and ends the batch of the last item",
+           "src/a.txt=a src/b.txt=b src/d/sub/x.txt=x src/d/sub/y.txt=y dst/d=file",
+           "Copy:1:a.txt d b.txt, ContinueSkip, Copy:1:d",
            "P 0 0 0, P 25 0 0, F b.txt, X d/sub/x.txt ENOTDIR, S 3 a.txt, P 50 1 0, F a.txt, "
-           "P 100 2 0, S 4 -",
+           "P 100 2 0, S 4 -, P 0 0 0, X d/sub/x.txt ENOTDIR, P 100 0 0, S 4 -",
            "dst/d=file");
-    AddRow("a failure of the last item ends the batch, and is told", failing, "Copy:1:d b.txt",
-           "P 0 0 0, P 33 0 0, F b.txt, X d/sub/x.txt ENOTDIR, P 100 1 0, S 4 -", "dst/d=file");
     // Sorted by their bytes, the name that cannot be represented comes last.
     AddRow("a name the locale cannot represent fails, a name beyond ASCII copies",
            "src/d/\u00e9.txt=e", "Undecodable:@/src/d/+Copy:0:d",
@@ -167,11 +166,8 @@ void tst_TFileCopyTask::batches_data()
            "dst=/a,b dst/a/d/a.txt=new dst/b/d/b.txt=b");
 
     // A source gone before its copy is passed over without a count or a
-    // signal, and its old copy stays: a work item, and an entry of one.
-    AddRow("a file item gone before its turn", "src/a.txt=a src/b.txt=b src/c.txt=c dst/b.txt=old",
-           "SetFileExistAction:2+RemoveAtCopied:@/src/b.txt+Copy:0:a.txt b.txt c.txt",
-           "P 0 0 0, P 33 0 0, F c.txt, P 67 1 0, F a.txt, P 100 2 0, S 4 -",
-           "dst=/a.txt,b.txt,c.txt dst/b.txt=old");
+    // signal, and its old copy stays. A file item that only has to be copied
+    // goes the same way as this entry of a directory item.
     AddRow("an entry gone before its turn", "src/d/a.txt=a src/d/b.txt=b dst/d/b.txt=old",
            "SetFileExistAction:2+RemoveAtCopied:@/src/d/b.txt+Copy:0:d",
            "P 0 0 0, P 50 0 0, F d/a.txt, P 100 1 0, S 4 -", "dst/d=/a.txt,b.txt dst/d/b.txt=old");
