@@ -151,6 +151,8 @@ void tst_TFileCopyTask::batches_data()
            "L x/.hd HiddenName, L x/dead DanglingLink, L x/p Fifo, L x/loop LinkIntoTree, "
            "P 99 1 1, F x/a.txt, P 100 2 1, S 4 -",
            "dst=/x,y,z dst/x=/a.txt dst/z=/");
+    AddRow("left out when a batch is split", "src/x/a.txt=a src/x/.h=h", "Copy:1:x",
+           "P 0 0 0, L x/.h HiddenName, P 99 0 0, F x/a.txt, P 100 1 0, S 4 -", "dst/x=/a.txt");
 
     // The next file of the directory finds it by its path again.
     AddRow("a destination directory removed between its files is made again",
