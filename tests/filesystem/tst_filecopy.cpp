@@ -23,13 +23,15 @@ int runProbe(const QStringList &prefix, const QStringList &arguments, QByteArray
 
 // Answers a copy's progress calls, true but for call number abortAt
 // (counting from 0), and checks that each reports bytes that had reached the
-// copy at path by then.
+// copy at path by then. At the first call it appends added to the file
+// "source": the copy reads on to the end, not to the size it saw.
 class ProgressCounter : public QObject
 {
     Q_OBJECT
 
 public:
     QString path;
+    QByteArray added;
     int abortAt = -1, calls = 0;
     qint64 total = 0;
     bool consistent = true;
@@ -38,13 +40,18 @@ public:
     {
         total += bytes;
         consistent = consistent && bytes > 0 && QFileInfo(path).size() == total;
+        if (calls == 0 && !added.isEmpty()) {
+            QFile source("source"_s);
+            consistent = consistent && source.open(QIODevice::Append)
+                    && source.write(added) == added.size();
+        }
         return calls++ != abortAt;
     }
 };
 
-// The copy of one file: its contents, mode, stamp and progress calls, what
-// it refuses to copy, the system calls that flush it, and what a copy that
-// fails part way leaves.
+// The copy of one file: its contents, mode, stamp and progress calls, sources
+// that grow or whose size tells nothing, what it refuses to copy, the system
+// calls that flush it, and what a copy that fails part way leaves.
 class tst_FileCopy : public FileTestCase
 {
     Q_OBJECT
@@ -53,6 +60,7 @@ private slots:
     void copies_data()
     {
         QTest::addColumn<int>("size");
+        QTest::addColumn<int>("added"); // to the source at the first progress call
         QTest::addColumn<bool>("stamp");
         QTest::addColumn<QString>("existing"); // in out/ before the copy
         QTest::addColumn<QString>("destination");
@@ -60,18 +68,24 @@ private slots:
         const QString old = "copy.bin"_s;
         // Empty, with no progress call, and past a flush, long enough for several.
         for (int size : { 0, 24 * 1024 * 1024 + 5 })
-            QTest::addRow("%d bytes", size) << size << true << old << old << old;
-        QTest::newRow("not stamped") << 10000 << false << old << old << old;
-        QTest::newRow("extension lower-cased") << 5000 << true << "PHOTO.JPG PHOTO.jpg"_s
+            QTest::addRow("%d bytes", size) << size << 0 << true << old << old << old;
+        QTest::newRow("not stamped") << 10000 << 0 << false << old << old << old;
+        // The first call of a small file's copy comes at its last chunk,
+        // unless the machine is slow enough to make it come earlier.
+        QTest::newRow("grows by less than a chunk") << 10000 << 5000 << true << old << old << old;
+        QTest::newRow("grows by several chunks") << 10000 << 9000 << true << old << old << old;
+        QTest::newRow("grows from one chunk") << 4096 << 1 << true << old << old << old;
+        QTest::newRow("extension lower-cased") << 5000 << 0 << true << "PHOTO.JPG PHOTO.jpg"_s
                                                << "PHOTO.JPG"_s
                                                << "PHOTO.jpg"_s;
         // The Kelvin sign's lower case is k: it is one of the rule's letters.
-        QTest::newRow("extension beyond ASCII lower-cased") << 5000 << true << "x.\u212aAB x.kab"_s
-                                                            << "x.\u212aAB"_s
-                                                            << "x.kab"_s;
+        QTest::newRow("extension beyond ASCII lower-cased")
+                << 5000 << 0 << true << "x.\u212aAB x.kab"_s
+                << "x.\u212aAB"_s
+                << "x.kab"_s;
         // A link there, even to a missing file, is removed, not written through.
         QTest::newRow("link at the destination")
-                << 5000 << true << "copy.bin->../elsewhere/target"_s << old << old;
+                << 5000 << 0 << true << "copy.bin->../elsewhere/target"_s << old << old;
     }
 
     // The copy has the source's bytes, its mode plus write for others and,
@@ -80,6 +94,7 @@ private slots:
     void copies()
     {
         QFETCH(int, size);
+        QFETCH(int, added);
         QFETCH(bool, stamp);
         QFETCH(QString, existing);
         QFETCH(QString, destination);
@@ -91,6 +106,7 @@ private slots:
         const qint64 before = stampNow();
         ProgressCounter counter;
         counter.path = "out/"_s + copy;
+        counter.added = QByteArray(added, 'b');
         QVERIFY(TFileSystemHelper::FileCopyWithProgress("source"_s, "out/"_s + destination,
                                                         &counter, "OnBytesWritten", stamp));
         QVERIFY(snapshot("out"_s).keys() == QStringList { copy } && QDir("elsewhere"_s).isEmpty());
@@ -98,7 +114,26 @@ private slots:
                 && mode(counter.path) == 0646);
         QCOMPARE(run({ "cmp"_s, "source"_s, counter.path }), 0);
         QCOMPARE(isStamped(counter.path, before), stamp);
-        QVERIFY(counter.consistent && counter.total == size);
+        QVERIFY(counter.consistent && counter.total == size + added);
+    }
+
+    // A process's environment is a file of size 0 as long as it runs.
+    void sizeTellsNothing()
+    {
+        QProcess child;
+        QProcessEnvironment environment;
+        environment.insert("TRELLIS_PADDING"_s, QString(10000, u'x'));
+        child.setProcessEnvironment(environment);
+        child.start("sh"_s, { "-c"_s, "read line"_s });
+        QVERIFY2(child.waitForStarted(int(HangBound.count()) * 1000), "the child did not start");
+        const QString source = "/proc/%1/environ"_s.arg(child.processId());
+        const QByteArray contents = readFile(source);
+        QCOMPARE(QFileInfo(source).size(), 0);
+        QVERIFY2(contents.size() > 10000, contents.left(100).constData());
+        const bool copied = TFileSystemHelper::FileCopy(source, "copy"_s, false);
+        child.closeWriteChannel();
+        QVERIFY2(child.waitForFinished(int(HangBound.count()) * 1000), "the child did not end");
+        QVERIFY(copied && readFile("copy"_s) == contents);
     }
 
     // Each row: source, destination, the errno name the copy tells, then
