@@ -2,6 +2,7 @@
 #define TRELLIS_FILETESTSUPPORT_H
 
 #include "HangWatch.h"
+#include "programcommand.h"
 
 #include <Trellis/TLocalTime.h>
 
@@ -28,10 +29,12 @@ inline bool writeFile(const QString &path, const QByteArray &contents)
     return file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size();
 }
 
+// Only a regular file is read: a FIFO would block its reader.
 inline QByteArray readFile(const QString &path)
 {
     QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
+    return QFileInfo(path).isFile() && file.open(QIODevice::ReadOnly) ? file.readAll()
+                                                                      : QByteArray("<unreadable>");
 }
 
 // Splits a list written as one text: names("a b c") or names("a|b c", '|').
@@ -105,6 +108,12 @@ inline int run(QStringList command, QByteArray *output = nullptr)
     return finished && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
 
+// The command that starts name, a program built next to the test program.
+inline QStringList programNextToTest(const QString &name)
+{
+    return programCommand(QCoreApplication::applicationDirPath() + u'/' + name);
+}
+
 // size bytes that look random, the same for the same seed.
 inline QByteArray randomBytes(qint64 size, quint32 seed = 1)
 {
@@ -148,7 +157,8 @@ private slots:
     void init()
     {
         m_dir.emplace();
-        QVERIFY(m_dir->isValid() && QDir::setCurrent(m_dir->path()));
+        // A process of another user (tst_hostile's attacker) must reach the tree.
+        QVERIFY(m_dir->isValid() && QDir::setCurrent(m_dir->path()) && ::chmod(".", 0705) == 0);
     }
     void cleanup()
     {

@@ -1,5 +1,4 @@
 #include "FileTestSupport.h"
-#include "programcommand.h"
 
 #include <Trellis/TFileSystemHelper.h>
 
@@ -8,18 +7,6 @@
 #include <cstring>
 
 #include <unistd.h>
-
-namespace {
-
-// Runs filecopy_probe (a copy in a process of its own) with arguments, after
-// the command prefix.
-int runProbe(const QStringList &prefix, const QStringList &arguments, QByteArray *output = nullptr)
-{
-    const QString probe = QCoreApplication::applicationDirPath() + "/filecopy_probe"_s;
-    return run(prefix + programCommand(probe) + arguments, output);
-}
-
-} // namespace
 
 // Answers a copy's progress calls, true but for call number abortAt
 // (counting from 0), and checks that each reports bytes that had reached the
@@ -151,6 +138,8 @@ private slots:
                "lower-cased extension: P.jpg P.JPG EINVAL",
                "missing destination directory: a no/dir/copy ENOENT",
                "destination is a directory: a out EISDIR", "source is a directory: out copy EISDIR",
+               "source is a FIFO: fifo copy EOPNOTSUPP",
+               "source is a character device: /dev/zero copy EOPNOTSUPP",
                "missing source: missing P.JPG ENOENT P.JPG P.jpg" })
             QTest::newRow(row) << QString::fromLatin1(row).section(u':', 1);
     }
@@ -160,11 +149,12 @@ private slots:
         QFETCH(QString, row);
         const QStringList words = row.split(u' ', Qt::SkipEmptyParts);
         QVERIFY(makeEntries("."_s, names("a P.jpg P.JPG to-a->a dir-link->. out/keep"))
-                && ::link("a", "hard") == 0);
+                && ::link("a", "hard") == 0 && ::mkfifo("fifo", 0600) == 0);
         auto expected = snapshot("."_s);
         for (const QString &entry : words.mid(3))
             expected.remove(entry);
         int cause = 0;
+        const HangWatch watch("the copy"_s); // a FIFO could block it, /dev/zero keep it reading
         QVERIFY(!TFileSystemHelper::FileCopy(words[0], words[1], true, &cause));
         QCOMPARE(QString::fromLatin1(::strerrorname_np(cause)), words[2]);
         QCOMPARE(snapshot("."_s), expected);
@@ -202,9 +192,10 @@ private slots:
             copies << here + "/copy"_s + file;
         }
         QByteArray output;
-        const int exitCode = runProbe(names(kernelCopy ? "" : "env TRELLIS_PROBE_NO_KERNEL_COPY=1")
-                                              + names("strace -f -qq -y -e trace=desc -o trace"),
-                                      { here + "/source"_s, here + "/copy"_s }, &output);
+        QStringList command = names(kernelCopy ? "" : "env TRELLIS_PROBE_NO_KERNEL_COPY=1")
+                + names("strace -f -qq -y -e trace=desc -o trace")
+                + programNextToTest("filecopy_probe"_s);
+        const int exitCode = run(command << here + "/source"_s << here + "/copy"_s, &output);
         if (exitCode != 0 && !exists("trace"_s))
             QSKIP(qPrintable("strace cannot run here: "_s + QString::fromLocal8Bit(output)));
         if (!kernelCopy && exitCode == 3)
@@ -261,7 +252,7 @@ private slots:
         const QByteArray contents = randomBytes(6 * 1024 * 1024);
         QVERIFY(writeFile("source"_s, contents) && ::chmod("source", 0600) == 0);
         const QString sourceBefore = snapshot("."_s).value("source"_s);
-        QCOMPARE(runProbe({}, names("source copy 100000")), 1);
+        QCOMPARE(run(programNextToTest("filecopy_probe"_s) + names("source copy 100000")), 1);
         ProgressCounter counter;
         counter.path = "aborted"_s, counter.abortAt = 0;
         QVERIFY(!TFileSystemHelper::FileCopyWithProgress("source"_s, counter.path, &counter,

@@ -1,13 +1,11 @@
 // The file-system helpers against trees that another process changes while
-// they work, and against sources that are no regular files. Races are run
+// they work, and against names and trees that are hard to walk. Races are run
 // for a fixed number of rounds, each driven by the attacker's own events,
 // never by sleeps. Rows that need root skip, saying so, when not root.
 
 #include "FileTestSupport.h"
-#include "programcommand.h"
 
 #include <Trellis/TFileCopyTask.h>
-#include <Trellis/TFileHash.h>
 #include <Trellis/TFileSystemHelper.h>
 
 #include <QtTest>
@@ -51,22 +49,11 @@ int copyTaskState(const QString &path, const QString &destination, int depth)
 
 } // namespace
 
-class tst_Hostile : public QObject
+class tst_Hostile : public FileTestCase
 {
     Q_OBJECT
 
-    std::unique_ptr<QTemporaryDir> m_dir;
-    const QString m_startDir = QDir::currentPath();
-
 private slots:
-    void init()
-    {
-        m_dir = std::make_unique<QTemporaryDir>();
-        // The attacker of another user must reach its tree.
-        QVERIFY(QDir::setCurrent(m_dir->path()) && ::chmod(".", 0705) == 0);
-    }
-    void cleanup() { QDir::setCurrent(m_startDir); }
-
     // Another process, of this user or of another one, attacks:
     // - delete: directories of a tree are swapped for links to a directory
     //   outside it while the tree is deleted, as the walk opens them; the walk
@@ -100,7 +87,7 @@ private slots:
             QVERIFY(!otherUser || run({ "chown"_s, "-R"_s, "%1:%1"_s.arg(Nobody), "tree"_s }) == 0);
             // Links lead out of tree/ to ../outside.
             QStringList command = (otherUser ? asNobody : QStringList())
-                    + programCommand(QCoreApplication::applicationDirPath() + "/hostile_attacker"_s)
+                    + programNextToTest("hostile_attacker"_s)
                     + names(copy ? "plant-link tree/copy ../outside/f0"
                                  : "swap-dirs tree ../outside");
             QProcess attacker; // killed at its end, also when a check fails
@@ -232,20 +219,6 @@ private slots:
         QVERIFY(!TFileSystemHelper::Unzip("last.tgz"_s, dest));
         QCOMPARE(snapshot(dest), before);
         QCOMPARE(snapshot(outside), untouched);
-    }
-
-    // What has no end, or may block its reader, is refused at once: the copy
-    // fails and creates nothing, the digest is that of no data.
-    void specialFilesAreRefused()
-    {
-        QCOMPARE(::mkfifo(QFile::encodeName("fifo"_s).constData(), 0600), 0);
-        for (const QString &special : { "fifo"_s, "/dev/zero"_s }) {
-            const HangWatch watch("the copy and the digest of "_s + special);
-            QVERIFY2(!TFileSystemHelper::FileCopy(special, "copy"_s, true) && !exists("copy"_s)
-                             && TFileHash::CalculateFileMD5(special).toHex()
-                                     == "d41d8cd98f00b204e9800998ecf8427e",
-                     qPrintable(special));
-        }
     }
 };
 
