@@ -107,41 +107,28 @@ private slots:
         }
     }
 
-    // A name is bytes: one in no valid encoding is copied like any other.
-    // The copy task names files by text, so it reports such a name as a
-    // failure, at whatever depth it meets it.
-    void namesInNoEncoding()
+    // Names are bytes, and trees deeper than PATH_MAX and than the
+    // descriptors a process may hold: the walks neither give up nor run out,
+    // and copy a name in no valid encoding like any other. diff -r stops at
+    // PATH_MAX; find walks as deep as the tree goes. The copy task names
+    // files by text, so it reports such a name as a failure, at whatever
+    // depth it meets it.
+    void deepTreesOfNamesInNoEncoding()
     {
-        QCOMPARE(
-                run({ "sh"_s, "-c"_s,
-                      "o=$(printf 'caf\\351') && mkdir -p source/$o && echo 1 >source/$o.txt && echo 2 >source/$o/$o.txt"_s }),
-                0);
-        QVERIFY(TFileSystemHelper::CopyDir("source"_s, "copy"_s));
-        QCOMPARE(run({ "diff"_s, "-r"_s, "source"_s, "copy"_s }), 0);
-        QVERIFY(TFileSystemHelper::DeleteDirGeneric("copy"_s, false, true) && !exists("copy"_s));
-        for (const int depth : { 0, 1, 2 })
-            QCOMPARE(copyTaskState("source"_s, "task"_s, depth),
-                     int(TFileCopyTask::StateCopyFailed));
-        // QTemporaryDir names what it removes by text: it would leave these.
-        QVERIFY(TFileSystemHelper::DeleteDirGeneric("source"_s, false, true));
-    }
-
-    // Deeper than PATH_MAX and than the descriptors a process may hold: the
-    // walks neither give up nor run out. diff -r stops at PATH_MAX; find walks
-    // as deep as the tree goes.
-    void deepTrees()
-    {
+        const char *const name = "caf\351", *const file = "caf\351.txt"; // Latin-1
         int fd = ::open(".", O_RDONLY | O_DIRECTORY);
         for (int level = 0; level < 2500; ++level) {
-            const char *const name = level ? "d" : "deep";
-            const int child = ::mkdirat(fd, name, 0755) == 0
-                    ? ::openat(fd, name, O_RDONLY | O_DIRECTORY)
+            const char *const directory = level ? name : "deep";
+            const int child = ::mkdirat(fd, directory, 0755) == 0
+                    ? ::openat(fd, directory, O_RDONLY | O_DIRECTORY)
                     : -1;
-            const int file = ::openat(child, "file.txt", O_WRONLY | O_CREAT, 0644);
-            QVERIFY(::close(fd) == 0 && (fd = child) >= 0 && ::write(file, "x", 1) == 1
-                    && ::close(file) == 0);
+            const int written = ::openat(child, file, O_WRONLY | O_CREAT, 0644);
+            QVERIFY(::close(fd) == 0 && (fd = child) >= 0 && ::write(written, "x", 1) == 1
+                    && ::close(written) == 0);
         }
         ::close(fd);
+        for (const int depth : { 0, 1, 2 })
+            QCOMPARE(copyTaskState("deep"_s, "task"_s, depth), int(TFileCopyTask::StateCopyFailed));
         QVERIFY(TFileSystemHelper::CopyDir("deep"_s, "copy"_s));
         QByteArray listings[2];
         for (const int copy : { 0, 1 })
@@ -151,6 +138,7 @@ private slots:
                          &listings[copy]),
                      0);
         QCOMPARE(listings[1], listings[0]);
+        // QTemporaryDir names what it removes by text: it would leave these.
         for (const QString &tree : { "deep"_s, "copy"_s })
             QVERIFY(TFileSystemHelper::DeleteDirGeneric(tree, false, true) && !exists(tree));
     }
