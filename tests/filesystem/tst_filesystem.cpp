@@ -51,14 +51,15 @@ private slots:
         for (const QString &row :
              names("/card/PHOTO.JPG AU- /card/PHOTO.jpg|Notes.TxT A-- Notes.txt|"
                    "a.jpg A-L a.jpg|.ABC AU- .abc|movie.MPEG --- movie.MPEG|"
-                   "data.X1Y --- data.X1Y|/DIR.ABC/f --- /DIR.ABC/f",
+                   "data.X1Y --- data.X1Y|/DIR.ABC/f --- /DIR.ABC/f|x.\u212aAB A-- x.kab",
                    '|'))
             QTest::newRow(qPrintable(row.section(u' ', 0, 0)))
                     << row.section(u' ', 0, 0) << row.section(u' ', 1, 1) << row.section(u' ', 2);
     }
 
-    // Each pattern captures a three-letter extension of its case at the end.
-    // Meanwhile another thread lower-cases another extension: a match shared
+    // Each pattern captures a three-letter extension of its case at the end;
+    // the Kelvin sign's lower case is k. Meanwhile another thread lower-cases
+    // another extension beyond ASCII, which takes the pattern: a match shared
     // between threads would hand one the other's extension.
     void extensions()
     {
@@ -76,7 +77,7 @@ private slots:
         std::atomic<bool> stop { false };
         std::thread other([&stop] {
             while (!stop)
-                TFileSystemHelper::FileCopyLowerCaseDestFilename("/f.XYZ"_s);
+                TFileSystemHelper::FileCopyLowerCaseDestFilename("/f.\u212aYZ"_s);
         });
         const auto join = qScopeGuard([&] {
             stop = true;
