@@ -143,8 +143,8 @@ private slots:
             QTest::newRow(row[0]) << QString::fromUtf8(row[1]);
     }
 
-    // The source is never changed. What is copied is a real file or
-    // directory with the source's contents, stamped; diff -r agrees.
+    // The source is never changed. What a copy that succeeds copied is a real
+    // file or directory, stamped, and diff -r finds the source's contents.
     void copyDir()
     {
         QFETCH(QString, row);
@@ -170,10 +170,6 @@ private slots:
         QVERIFY(isStamped(destination, beforeStamp));
         for (const QString &entry : copied.split(u' ')) {
             const QString copy = destination + u'/' + entry, original = "src/"_s + entry;
-            QVERIFY2(!exists(original) || !QFileInfo(copy).isFile()
-                             || readFile(copy) == readFile(original),
-                     qPrintable(entry));
-            // Each copy is real and stamped.
             QVERIFY2(!result || !exists(original)
                              || (!QFileInfo(copy).isSymLink() && isStamped(copy, beforeStamp)),
                      qPrintable(entry));
@@ -310,8 +306,8 @@ private slots:
     // that tar could take for a remote one or for standard input, a target
     // directory and files whose names look like options: tar would run
     // "touch pwned" if the last reached it as options. Zip() packs relative
-    // to a base directory and to the working directory; tar packs, Unzip()
-    // unpacks.
+    // to a base directory and to the working directory, and tar lists what it
+    // packed; tar packs what Unzip() unpacks.
     void archiveRoundTrips()
     {
         const QStringList files = names(
@@ -323,25 +319,22 @@ private slots:
         QVERIFY(QDir::setCurrent("base"_s) && TFileSystemHelper::Zip("../b.tgz"_s, files)
                 && QDir::setCurrent(".."_s));
         QCOMPARE(run(names("tar -czf ./- -C base .")), 0);
-        for (const QString &archive : { "./host:a.tgz"_s, "./b.tgz"_s, "-"_s }) {
+        for (const QString &archive : { "host:a.tgz"_s, "b.tgz"_s, "-"_s }) {
             QVERIFY(QDir("-out"_s).removeRecursively() && QDir().mkdir("-out"_s));
-            if (archive == "-"_s) {
-                QVERIFY(TFileSystemHelper::Unzip(archive, "-out"_s));
-            } else {
-                // Entries relative to the base, only the names tar would take for
-                // options with "./"; the names with a space and a '*' as they stand.
-                QByteArray listing;
-                QCOMPARE(run({ "tar"_s, "-tzf"_s, archive }, &listing), 0);
-                QStringList members = names(listing.constData(), '\n');
-                members.sort();
-                QCOMPARE(members,
-                         names("./--checkpoint-action=exec=touch pwned|./--checkpoint=1|./-v|a "
-                               "b*|conf/|"
-                               "conf/a.ini|conf/deep/|conf/deep/b * ?.ini|log",
-                               '|'));
-                QCOMPARE(run(names("tar -xzf") << archive << names("-C -out")), 0);
-            }
+            QVERIFY(TFileSystemHelper::Unzip(archive, "-out"_s));
             QVERIFY2(run(names("diff -r base ./-out")) == 0, qPrintable(archive));
+            if (archive == "-"_s)
+                continue;
+            // Entries relative to the base, only the names tar would take for
+            // options with "./"; the names with a space and a '*' as they stand.
+            QByteArray listing;
+            QCOMPARE(run({ "tar"_s, "-tzf"_s, "./"_s + archive }, &listing), 0);
+            QStringList members = names(listing.constData(), '\n');
+            members.sort();
+            QCOMPARE(members,
+                     names("./--checkpoint-action=exec=touch pwned|./--checkpoint=1|./-v|"
+                           "a b*|conf/|conf/a.ini|conf/deep/|conf/deep/b * ?.ini|log",
+                           '|'));
         }
         QVERIFY(!exists("pwned"_s) && !exists("base/pwned"_s));
     }
