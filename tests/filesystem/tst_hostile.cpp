@@ -64,11 +64,10 @@ private slots:
     {
         QTest::addColumn<bool>("copy");
         QTest::addColumn<bool>("otherUser");
-        for (const bool copy : { false, true })
-            for (const bool otherUser : { false, true })
-                QTest::addRow("%s, by %s", copy ? "copy" : "delete",
-                              otherUser ? "another user" : "the same user")
-                        << copy << otherUser;
+        QTest::newRow("delete, by the same user") << false << false;
+        QTest::newRow("delete, by another user") << false << true;
+        QTest::newRow("copy, by the same user") << true << false;
+        QTest::newRow("copy, by another user") << true << true;
     }
     void attacks()
     {
