@@ -342,17 +342,14 @@ private slots:
     {
         QVERIFY(TFileSystemHelper::Unzip("missing.tgz"_s, "out"_s)
                 && TFileSystemHelper::Zip("empty.tgz"_s, "base"_s, {}));
-        const QByteArray path = qgetenv("PATH"),
+        const QByteArray path = qgetenv("PATH"), here = QFile::encodeName(QDir::currentPath()),
                          sleep = QFile::encodeName(QStandardPaths::findExecutable("sleep"_s));
         const auto restorePath = qScopeGuard([&] { qputenv("PATH", path); });
-        QVERIFY(QDir().mkdir("emptybin"_s)
-                && qputenv("PATH",
-                           QFile::encodeName(QDir::current().absoluteFilePath("emptybin"_s))));
+        QVERIFY(qputenv("PATH", here + "/nowhere"));
         QVERIFY(!TFileSystemHelper::Zip("a.tgz"_s, names("log"))
                 && !TFileSystemHelper::Unzip("a.tgz"_s, "out"_s));
         QVERIFY(writeFile("fakebin/tar"_s, "#!/bin/sh\necho $$ > pid\nexec " + sleep + " 120\n")
-                && ::chmod("fakebin/tar", 0700) == 0);
-        QVERIFY(qputenv("PATH", QFile::encodeName(QDir::current().absoluteFilePath("fakebin"_s))));
+                && ::chmod("fakebin/tar", 0700) == 0 && qputenv("PATH", here + "/fakebin"));
         QVERIFY(!TFileSystemHelper::Unzip("a.tgz"_s, "out"_s));
         const pid_t pid = readFile("pid"_s).trimmed().toInt();
         QVERIFY(pid > 0 && ::kill(pid, 0) == -1 && errno == ESRCH);
