@@ -157,18 +157,15 @@ private slots:
                      output.constData());
             return;
         }
-        QTemporaryDir own; // nobody cannot write in the root's temporary directory
-        const QString source = own.filePath("source"_s);
-        QVERIFY(writeFile(source + "/locked/inside.txt"_s, "inside")
-                && ::chmod(QFile::encodeName(source + "/locked"_s), 0100) == 0);
-        const auto unlock
-                = qScopeGuard([&] { ::chmod(QFile::encodeName(source + "/locked"_s), 0700); });
-        QVERIFY(!TFileSystemHelper::CopyDir(source, own.filePath("copy"_s)));
+        QVERIFY(writeFile("source/locked/inside.txt"_s, "inside")
+                && ::chmod("source/locked", 0100) == 0);
+        const auto unlock = qScopeGuard([] { ::chmod("source/locked", 0700); });
+        QVERIFY(!TFileSystemHelper::CopyDir("source"_s, "copy"_s));
         for (const int depth : { 0, 1 })
-            QCOMPARE(copyTaskState(source, own.filePath("task"_s), depth),
+            QCOMPARE(copyTaskState("source"_s, "task"_s, depth),
                      int(TFileCopyTask::StateCopyFailed));
-        QVERIFY(!TFileSystemHelper::DeleteDirGeneric(source, false, true)
-                && exists(source + "/locked"_s));
+        QVERIFY(!TFileSystemHelper::DeleteDirGeneric("source"_s, false, true)
+                && exists("source/locked"_s));
     }
 
     // An archive from an untrusted medium writes nothing outside the
