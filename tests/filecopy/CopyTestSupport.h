@@ -1,6 +1,8 @@
 #ifndef TRELLIS_COPYTESTSUPPORT_H
 #define TRELLIS_COPYTESTSUPPORT_H
 
+#include "TreeSupport.h"
+
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -11,32 +13,6 @@
 // keep busy, and sanitizer builds on a loaded machine are slow. Only a failing
 // test waits this long.
 constexpr int PassTimeout = 120000;
-
-// Creates the entries of tree, separated by spaces, under root: "path=text" a
-// file holding text, "path#size" a file of size bytes, "path~size" a sparse
-// file of size bytes (it takes no room), "path/" a directory and
-// "path->target" a symbolic link.
-inline void MakeTree(const QString &root, const QString &tree)
-{
-    for (const QString &entry : tree.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
-        const QString path = root + QLatin1Char('/')
-                + entry.section(QRegularExpression(QStringLiteral("=|#|~|->")), 0, 0);
-        QVERIFY(QDir().mkpath(entry.endsWith(QLatin1Char('/')) ? path : QFileInfo(path).path()));
-        if (entry.contains(QLatin1String("->"))) {
-            QVERIFY(QFile::link(entry.section(QLatin1String("->"), 1), path));
-        } else if (entry.contains(QLatin1Char('~'))) {
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::WriteOnly)
-                    && file.resize(entry.section(QLatin1Char('~'), 1).toLongLong()));
-        } else if (!entry.endsWith(QLatin1Char('/'))) {
-            const QByteArray content = entry.contains(QLatin1Char('='))
-                    ? entry.section(QLatin1Char('='), 1).toUtf8()
-                    : QByteArray(entry.section(QLatin1Char('#'), 1).toInt(), 'x');
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
-        }
-    }
-}
 
 // Checks the entries of checks, separated by spaces, under root: "path=text" a
 // file holding text, "path=-" nothing, "path=/a,b" a directory holding

@@ -25,9 +25,9 @@ private slots:
 void tst_CopyTaskEntries::plan()
 {
     QTemporaryDir tmp;
-    MakeTree(tmp.path(),
-             QStringLiteral("src/t/b.txt=b src/t/A/x.txt=x src/t/.h=h src/t/e/ "
-                            "src/t/A/up->.. src/Y.TXT=new dst/Y/Y.txt=old"));
+    QVERIFY(makeTree(tmp.path(),
+                     QStringLiteral("src/t/b.txt=b src/t/A/x.txt=x src/t/.h=h src/t/e/ "
+                                    "src/t/A/up->.. src/Y.TXT=new dst/Y/Y.txt=old")));
     const QDir src(tmp.path() + QStringLiteral("/src"));
     QStringList leftOut;
     const auto noteLeftOut = [&](const QFileInfo &entry, TFileCopyNotifier::LeftOutReason reason) {
@@ -136,7 +136,7 @@ void tst_CopyTaskEntries::manyFiles()
         addFiles(QStringLiteral("m/b%1"), 40);
         addFiles(QStringLiteral("z%1"), 35);
     }
-    MakeTree(tmp.path(), tree);
+    QVERIFY(makeTree(tmp.path(), tree));
     const qint64 total = std::accumulate(sizes.cbegin(), sizes.cend(), qint64(0));
     // Each file's one report comes before it counts as copied.
     QStringList expected { QStringLiteral("P 0 0 0") };

@@ -102,22 +102,20 @@ void AddRow(const char *name, const char *command, const char *tree, const char 
                         << QString::fromUtf8(files);
 }
 
-// The entries of tree that MakeTree() makes; MakeSpecials() makes the others.
+// The entries of tree that makeTree() makes; MakeSpecials() makes the others.
 QString PlainEntries(const QString &tree)
 {
-    return QString(tree).remove(QRegularExpression(QStringLiteral("\\S+([|!]|@\\d+)")));
+    return QString(tree).remove(QRegularExpression(QStringLiteral("\\S+(!|@\\d+)")));
 }
 
-// After MakeTree(), makes the entries of tree that it does not: "path|" a
-// FIFO, "path!" a read-only directory, and "path@year" gives the existing
-// file that year's first day as its modification time.
+// After makeTree(), makes the entries of tree that it does not: "path!" a
+// read-only directory, and "path@year" gives the existing file that year's
+// first day as its modification time.
 void MakeSpecials(const QString &root, const QString &tree)
 {
     for (const QString &entry : tree.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
         const QByteArray path = QFile::encodeName(root + QLatin1Char('/') + entry.chopped(1));
-        if (entry.endsWith(QLatin1Char('|'))) {
-            QVERIFY(::mkfifo(path.constData(), 0644) == 0);
-        } else if (entry.endsWith(QLatin1Char('!'))) {
+        if (entry.endsWith(QLatin1Char('!'))) {
             QVERIFY(QDir().mkpath(QFile::decodeName(path)) && ::chmod(path.constData(), 0555) == 0);
         } else if (entry.contains(QLatin1Char('@'))) {
             QFile file(root + QLatin1Char('/') + entry.section(QLatin1Char('@'), 0, 0));
@@ -142,7 +140,7 @@ private slots:
     void copiesKeepModeAndTime();
 };
 
-// A row runs trellis-copy on a tree of its own (see MakeTree() and
+// A row runs trellis-copy on a tree of its own (see makeTree() and
 // MakeSpecials()) beside src/ with a.txt, b.txt and c.txt, file.txt and an
 // empty tmp/, its temporary directory, "@" standing for their directory:
 // in a terminal when it has answers, otherwise without. The answers,
@@ -301,9 +299,9 @@ void tst_TrellisCopy::runs()
     const QString root = QFileInfo(dir.path()).canonicalFilePath();
     QVERIFY(::chmod(QFile::encodeName(root).constData(), 0755) == 0);
     const auto resolved = [&root](QString text) { return text.replace(QLatin1Char('@'), root); };
-    MakeTree(root,
-             QStringLiteral("src/a.txt=a src/b.txt=b src/c.txt=c file.txt=file tmp/ ")
-                     + PlainEntries(tree));
+    QVERIFY(makeTree(root,
+                     QStringLiteral("src/a.txt=a src/b.txt=b src/c.txt=c file.txt=file tmp/ ")
+                             + PlainEntries(tree)));
     MakeSpecials(root, tree);
 
     QStringList words = resolved(command).split(QLatin1Char(' '), Qt::SkipEmptyParts);
@@ -355,7 +353,7 @@ void tst_TrellisCopy::copiesKeepModeAndTime()
 {
     QTemporaryDir dir;
     const QString source = dir.filePath(QStringLiteral("a.txt"));
-    MakeTree(dir.path(), QStringLiteral("a.txt=a"));
+    QVERIFY(makeTree(dir.path(), QStringLiteral("a.txt=a")));
     MakeSpecials(dir.path(), QStringLiteral("a.txt@2001"));
     QVERIFY(QFile::setPermissions(source, QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup));
     for (const bool libraryMode : { false, true }) {

@@ -2,6 +2,7 @@
 #define TRELLIS_FILETESTSUPPORT_H
 
 #include "HangWatch.h"
+#include "TreeSupport.h"
 #include "programcommand.h"
 
 #include <Trellis/TLocalTime.h>
@@ -41,22 +42,6 @@ inline QByteArray readFile(const QString &path)
 inline QStringList names(const char *list, char separator = ' ')
 {
     return QString::fromUtf8(list).split(QLatin1Char(separator), Qt::SkipEmptyParts);
-}
-
-// Makes, under root, "name" a file holding its own name, "name/" a directory
-// and "name->target" a symbolic link, with missing parent directories.
-inline bool makeEntries(const QString &root, const QStringList &entries)
-{
-    for (const QString &entry : entries) {
-        const QStringList link = entry.split(QLatin1String("->"));
-        const QString path = root + u'/' + link[0];
-        if (!(link.size() == 2
-                      ? QDir().mkpath(QFileInfo(path).absolutePath()) && QFile::link(link[1], path)
-                      : entry.endsWith(u'/') ? QDir().mkpath(path)
-                                             : writeFile(path, entry.toUtf8())))
-            return false;
-    }
-    return true;
 }
 
 // The entry itself, a link not followed; all zero when it is missing.

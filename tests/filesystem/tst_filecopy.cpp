@@ -88,8 +88,8 @@ private slots:
         QFETCH(QString, copy);
         if (QFile::decodeName(QFile::encodeName(destination)) != destination)
             QSKIP("The locale's encoding cannot represent the name");
-        QVERIFY(writeFile("source"_s, randomBytes(size))
-                && makeEntries("out"_s, existing.split(u' ')) && QDir().mkdir("elsewhere"_s));
+        QVERIFY(writeFile("source"_s, randomBytes(size)) && makeTree("out"_s, existing)
+                && QDir().mkdir("elsewhere"_s));
         const qint64 before = stampNow();
         ProgressCounter counter;
         counter.path = "out/"_s + copy;
@@ -141,8 +141,8 @@ private slots:
     {
         QFETCH(QString, row);
         const QStringList words = row.split(u' ', Qt::SkipEmptyParts);
-        QVERIFY(makeEntries("."_s, names("a P.jpg P.JPG to-a->a dir-link->. out/keep"))
-                && ::link("a", "hard") == 0 && ::mkfifo("fifo", 0600) == 0);
+        QVERIFY(makeTree("."_s, "a P.jpg P.JPG to-a->a dir-link->. out/keep fifo|"_s)
+                && ::link("a", "hard") == 0);
         auto expected = snapshot("."_s);
         for (const QString &entry : words.mid(3))
             expected.remove(entry);

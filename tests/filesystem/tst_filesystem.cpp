@@ -151,7 +151,7 @@ private slots:
         const QStringList part = row.split(u'|');
         const QString entries = part[0], destination = part[1], copied = part[3], leftOut = part[4];
         const bool result = part[2] == u'1';
-        QVERIFY(makeEntries(
+        QVERIFY(makeTree(
                 "."_s,
                 (entries
                  + " src/top src/a/f src/a/g src/a/inner/g src/b/h dest/old to-src->src to-a->src/a"_s)
@@ -204,7 +204,7 @@ private slots:
         const int code = part[1].section(u'=', 1).toInt();
         if (code == 2 && ::geteuid() != 0)
             QSKIP("only root can act as the user nobody");
-        QVERIFY(makeEntries("."_s, part[0].split(u' ')));
+        QVERIFY(makeTree("."_s, part[0].split(u' ')));
         QStringList deleted = names("stale entries"), failed = deleted;
         if (code == 2) {
             QCOMPARE(::chmod(".", 01777) | ::chown("b.log", 65534, 65534), 0);
@@ -270,8 +270,8 @@ private slots:
         QFETCH(bool, result);
         QFETCH(QStringList, left);
         QFETCH(QStringList, gone);
-        QVERIFY(makeEntries("root"_s, entries)
-                && makeEntries("."_s, names("outside/o outside/dir/p outside/hard")));
+        QVERIFY(makeTree("root"_s, entries)
+                && makeTree("."_s, names("outside/o outside/dir/p outside/hard")));
         const auto restore = qScopeGuard([] { ::chmod("outside/dir", 0700); });
         QCOMPARE(::chmod("root/f1", 0) | ::chmod("outside/dir", 0500) | ::chmod("outside/o", 0404)
                          | ::chmod("outside/hard", 0440) | ::link("outside/hard", "root/hard"),
@@ -290,7 +290,7 @@ private slots:
     // the top names its target, which is emptied; the link stays.
     void deleteDirGenericWithoutATree()
     {
-        QVERIFY(makeEntries("."_s, names("file dir/f top->dir")));
+        QVERIFY(makeTree("."_s, names("file dir/f top->dir")));
         const auto before = snapshot("."_s);
         QVERIFY(TFileSystemHelper::DeleteDirGeneric("missing"_s, false, true)
                 && TFileSystemHelper::DeleteDirGeneric("file"_s, false, true));
@@ -310,8 +310,9 @@ private slots:
         const QStringList files = names(
                 "log|conf|a b*|--checkpoint=1|--checkpoint-action=exec=touch pwned|-v", '|');
         QVERIFY(writeFile("base/log"_s, randomBytes(70000))
-                && makeEntries("base"_s,
-                               names("conf/a.ini|conf/deep/b * ?.ini", '|') + files.mid(2)));
+                && makeTree("base"_s, names("conf/a.ini|conf/deep/b * ?.ini|a b*", '|')));
+        for (const QString &option : files.mid(3)) // names tar could take for options
+            QVERIFY(writeFile("base/"_s + option, option.toUtf8()));
         QVERIFY(TFileSystemHelper::Zip("host:a.tgz"_s, "base"_s, files));
         QVERIFY(QDir::setCurrent("base"_s) && TFileSystemHelper::Zip("../b.tgz"_s, files)
                 && QDir::setCurrent(".."_s));

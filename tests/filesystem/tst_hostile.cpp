@@ -77,12 +77,11 @@ private slots:
             QSKIP(qPrintable(whyNoOtherUser));
         // Names the tree has too: a walk that removes by path through a link
         // would find them.
-        QVERIFY(makeEntries("."_s,
-                            names("outside/f0 outside/f1 outside/f2 outside/f3 source tree/")));
+        QVERIFY(makeTree("."_s, names("outside/f0 outside/f1 outside/f2 outside/f3 source tree/")));
         const auto untouched = snapshot("outside"_s);
         for (int round = 0; round < (copy ? 1 : 20); ++round) {
             for (int d = 0; d < (copy ? 0 : 50); ++d)
-                QVERIFY(makeEntries("tree/d%1"_s.arg(d), names("f0 f1 f2 f3")));
+                QVERIFY(makeTree("tree/d%1"_s.arg(d), names("f0 f1 f2 f3")));
             QVERIFY(!otherUser || run({ "chown"_s, "-R"_s, "%1:%1"_s.arg(Nobody), "tree"_s }) == 0);
             // Links lead out of tree/ to ../outside.
             QStringList command = (otherUser ? asNobody : QStringList())
