@@ -1,3 +1,4 @@
+#include "AsNobody.h"
 #include "CopyTestSupport.h"
 #include "HangWatch.h"
 
@@ -253,25 +254,8 @@ void tst_TFileCopyTask::batches()
     QFETCH(QString, steps);
     QFETCH(QString, events);
     QFETCH(QString, files);
-    // Permissions do not hold root back: as root, a row that takes them away
-    // runs again as user nobody, and skips, saying why, where it cannot.
-    if (steps.contains(QLatin1String("Chmod:")) && ::geteuid() == 0) {
-        QProcess child;
-        child.setProcessChannelMode(QProcess::MergedChannels); // why it could not run
-        child.start(QStringLiteral("setpriv"),
-                    { QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
-                      QStringLiteral("--clear-groups"), QCoreApplication::applicationFilePath(),
-                      QStringLiteral("batches:") + QLatin1String(QTest::currentDataTag()) });
-        QVERIFY2(child.waitForFinished(60000), "the row run as user nobody did not end");
-        const QString output = QString::fromLocal8Bit(child.readAll());
-        if (!output.contains(QLatin1String("Totals:")))
-            QSKIP(qPrintable(QStringLiteral("cannot run as user nobody: ") + output.trimmed()));
-        // The row itself passed, between initTestCase() and cleanupTestCase().
-        QVERIFY2(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0
-                         && output.contains(QLatin1String("Totals: 3 passed")),
-                 qPrintable(output));
-        return;
-    }
+    if (steps.contains(QLatin1String("Chmod:")))
+        RUN_AS_NOBODY_WHEN_ROOT();
     QTemporaryDir tmp;
     const QString src = tmp.path() + QStringLiteral("/src");
     QVERIFY(makeTree(tmp.path(), tree));

@@ -1,6 +1,7 @@
 // End-to-end tests of the trellis-copy program: run in a pseudo-terminal
 // where it asks, with plain pipes where it must not.
 
+#include "AsNobody.h"
 #include "CopyTestSupport.h"
 #include "HangWatch.h"
 #include "programcommand.h"
@@ -29,10 +30,7 @@ struct Run
     Run(const QStringList &words, bool terminal, const QString &tmpdir, bool asNobody)
     {
         std::vector<QByteArray> arguments { "env", "TMPDIR=" + QFile::encodeName(tmpdir) };
-        const QStringList nobody
-                = { QStringLiteral("setpriv"), QStringLiteral("--reuid=65534"),
-                    QStringLiteral("--regid=65534"), QStringLiteral("--clear-groups") };
-        for (const QString &word : (asNobody ? nobody : QStringList())
+        for (const QString &word : (asNobody ? ::asNobody() : QStringList())
                      + programCommand(QStringLiteral(TRELLIS_COPY_PROGRAM)) + words)
             arguments.push_back(QFile::encodeName(word));
         std::vector<char *> argv;

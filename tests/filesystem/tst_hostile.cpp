@@ -3,6 +3,7 @@
 // for a fixed number of rounds, each driven by the attacker's own events,
 // never by sleeps. Rows that need root skip, saying so, when not root.
 
+#include "AsNobody.h"
 #include "FileTestSupport.h"
 
 #include <Trellis/TFileCopyTask.h>
@@ -14,19 +15,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr uid_t Nobody = 65534;
-
-// The words that run a command as the ordinary user nobody.
-const QStringList asNobody = { "setpriv"_s, "--reuid=%1"_s.arg(Nobody), "--regid=%1"_s.arg(Nobody),
-                               "--clear-groups"_s };
-
-// Why a process of another user cannot be started here; empty when it can.
-const QString whyNoOtherUser = ::geteuid() != 0
-        ? "a process of another user needs root to start it"_s
-        : QStandardPaths::findExecutable("setpriv"_s).isEmpty()
-        ? "setpriv, to start a process of another user, is missing"_s
-        : QString();
 
 // The state in which a copy task's first pass over source ends, items depth
 // levels below it; -1 when it has not ended in the bound. A file copied
@@ -73,8 +61,8 @@ private slots:
     {
         QFETCH(bool, copy);
         QFETCH(bool, otherUser);
-        if (otherUser && !whyNoOtherUser.isEmpty())
-            QSKIP(qPrintable(whyNoOtherUser));
+        if (otherUser && !whyNotAsNobody().isEmpty())
+            QSKIP(qPrintable(whyNotAsNobody()));
         // Names the tree has too: a walk that removes by path through a link
         // would find them.
         QVERIFY(makeTree("."_s, names("outside/f0 outside/f1 outside/f2 outside/f3 source tree/")));
@@ -84,7 +72,7 @@ private slots:
                 QVERIFY(makeTree("tree/d%1"_s.arg(d), names("f0 f1 f2 f3")));
             QVERIFY(!otherUser || run({ "chown"_s, "-R"_s, "%1:%1"_s.arg(Nobody), "tree"_s }) == 0);
             // Links lead out of tree/ to ../outside.
-            QStringList command = (otherUser ? asNobody : QStringList())
+            QStringList command = (otherUser ? asNobody() : QStringList())
                     + programNextToTest("hostile_attacker"_s)
                     + names(copy ? "plant-link tree/copy ../outside/f0"
                                  : "swap-dirs tree ../outside");
@@ -145,17 +133,7 @@ private slots:
     // Root may list anything, so as root the test runs itself as nobody.
     void unreadableDirectoriesFail()
     {
-        if (::geteuid() == 0) {
-            if (!whyNoOtherUser.isEmpty())
-                QSKIP(qPrintable(whyNoOtherUser));
-            QByteArray output;
-            QVERIFY2(run(asNobody + programCommand(QCoreApplication::applicationFilePath())
-                                 << QString::fromLatin1(QTest::currentTestFunction()),
-                         &output)
-                             == 0,
-                     output.constData());
-            return;
-        }
+        RUN_AS_NOBODY_WHEN_ROOT();
         QVERIFY(writeFile("source/locked/inside.txt"_s, "inside")
                 && ::chmod("source/locked", 0100) == 0);
         const auto unlock = qScopeGuard([] { ::chmod("source/locked", 0700); });
