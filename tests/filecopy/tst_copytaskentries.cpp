@@ -75,7 +75,7 @@ void tst_CopyTaskEntries::plan()
 }
 
 // Work items come in the order of a Qt listing sorted by name ignoring
-// case. Names equal but for case are left out: Qt leaves their order open.
+// case, and names equal but for case in the order of their bytes.
 void tst_CopyTaskEntries::listingOrder_data()
 {
     QTest::addColumn<QString>("names");
