@@ -49,8 +49,7 @@ inline QString whyNotAsNobody()
         QProcess child;                                                                            \
         child.setProcessChannelMode(QProcess::MergedChannels); /* why it could not run */          \
         child.start(command.takeFirst(), command);                                                 \
-        QVERIFY2(child.waitForFinished(int(HangBound.count()) * 1000),                             \
-                 "the run as user nobody did not end");                                            \
+        QVERIFY2(child.waitForFinished(HangBoundMsecs), "the run as user nobody did not end");     \
         const QString output = QString::fromLocal8Bit(child.readAll());                            \
         if (!output.contains(QLatin1String("Totals:")))                                            \
             QSKIP(qPrintable(QStringLiteral("cannot run as user nobody: ") + output.trimmed()));   \

@@ -15,6 +15,8 @@
 // build on a loaded machine, and well inside CTest's limit of ten minutes, so
 // that the log names what hung rather than CTest's timeout.
 constexpr std::chrono::seconds HangBound { 120 };
+// The bound in milliseconds, as Qt's waits take it.
+constexpr int HangBoundMsecs = int(std::chrono::milliseconds(HangBound).count());
 
 // Guards one wait on another thread: if the watch is still alive after the
 // bound, it ends the test program with a message that says what was awaited

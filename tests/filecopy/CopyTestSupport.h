@@ -1,18 +1,13 @@
 #ifndef TRELLIS_COPYTESTSUPPORT_H
 #define TRELLIS_COPYTESTSUPPORT_H
 
+#include "HangWatch.h"
 #include "TreeSupport.h"
 
 #include <QDir>
 #include <QFile>
 #include <QProcess>
-#include <QRegularExpression>
 #include <QtTest>
-
-// A pass ends with sync(), which can take long on a disk that other programs
-// keep busy, and sanitizer builds on a loaded machine are slow. Only a failing
-// test waits this long.
-constexpr int PassTimeout = 120000;
 
 // Checks the entries of checks, separated by spaces, under root: "path=text" a
 // file holding text, "path=-" nothing, "path=/a,b" a directory holding

@@ -157,7 +157,7 @@ void tst_CopyTaskEntries::manyFiles()
     const QString src = tmp.path() + QStringLiteral("/src");
     task.CopyFiles({ QFileInfo(src + QStringLiteral("/t")) }, QRegExp::escape(src),
                    tmp.path() + QStringLiteral("/dst"), 0);
-    QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 60000);
+    QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, HangBoundMsecs);
     QCOMPARE(received, expected);
 }
 

@@ -384,7 +384,7 @@ void tst_TFileCopyTask::batches()
                 passes += name.startsWith("Continue"); // those queue a pass
             }
         }
-        QTRY_COMPARE_WITH_TIMEOUT(states.load(), passes, PassTimeout);
+        QTRY_COMPARE_WITH_TIMEOUT(states.load(), passes, HangBoundMsecs);
     }
 
     const QString actual = [&] {

@@ -7,6 +7,7 @@
 #include "programcommand.h"
 
 #include <QDeadlineTimer>
+#include <QRegularExpression>
 
 #include <cerrno>
 #include <fcntl.h>
@@ -68,7 +69,7 @@ struct Run
     // the end of the output; false at the deadline (or the end).
     bool WaitFor(const QByteArray &text = QByteArray())
     {
-        const QDeadlineTimer deadline(PassTimeout);
+        const QDeadlineTimer deadline(HangBoundMsecs);
         int at = -1;
         while (text.isEmpty() || (at = output.indexOf(text, searchFrom)) < 0) {
             struct pollfd ready = { fd, POLLIN, 0 };

@@ -84,7 +84,7 @@ inline int run(QStringList command, QByteArray *output = nullptr)
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(command.takeFirst(), command);
-    const bool finished = process.waitForFinished(int(HangBound.count()) * 1000);
+    const bool finished = process.waitForFinished(HangBoundMsecs);
     if (!finished && process.state() != QProcess::NotRunning)
         qWarning("Still waiting after %lld s for %s %s", static_cast<long long>(HangBound.count()),
                  qPrintable(process.program()), qPrintable(command.join(u' ')));

@@ -29,7 +29,7 @@ int copyTaskState(const QString &path, const QString &destination, int depth)
     if (writeFile(after.filePath(), "after"))
         task.CopyFiles({ after, source }, QRegExp::escape(source.path()),
                        QDir::current().absoluteFilePath(destination), depth);
-    if (states.wait(int(HangBound.count()) * 1000))
+    if (states.wait(HangBoundMsecs))
         return states.first().first().toInt();
     qWarning("the copy task's pass did not end");
     return -1;
@@ -61,15 +61,15 @@ private slots:
     {
         QFETCH(bool, copy);
         QFETCH(bool, otherUser);
-        if (otherUser && !whyNotAsNobody().isEmpty())
-            QSKIP(qPrintable(whyNotAsNobody()));
+        if (const QString why = whyNotAsNobody(); otherUser && !why.isEmpty())
+            QSKIP(qPrintable(why));
         // Names the tree has too: a walk that removes by path through a link
         // would find them.
-        QVERIFY(makeTree("."_s, names("outside/f0 outside/f1 outside/f2 outside/f3 source tree/")));
+        QVERIFY(makeTree("."_s, "outside/f0 outside/f1 outside/f2 outside/f3 source tree/"_s));
         const auto untouched = snapshot("outside"_s);
         for (int round = 0; round < (copy ? 1 : 20); ++round) {
             for (int d = 0; d < (copy ? 0 : 50); ++d)
-                QVERIFY(makeTree("tree/d%1"_s.arg(d), names("f0 f1 f2 f3")));
+                QVERIFY(makeTree("tree/d%1"_s.arg(d), "f0 f1 f2 f3"_s));
             QVERIFY(!otherUser || run({ "chown"_s, "-R"_s, "%1:%1"_s.arg(Nobody), "tree"_s }) == 0);
             // Links lead out of tree/ to ../outside.
             QStringList command = (otherUser ? asNobody() : QStringList())
