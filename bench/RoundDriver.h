@@ -17,6 +17,10 @@
 //     driver.add("std::mutex ring", [] { ... });
 //     driver.run(rounds);
 //
+// Several drivers can also take turns, a round each, so that their figures
+// are taken seconds rather than minutes apart: see rounds(), runRound(),
+// printTitle() and printTable().
+//
 // The number of rounds can be overridden with the environment variable
 // TRELLIS_BENCH_ROUNDS.
 
@@ -51,10 +55,8 @@ public:
     // Runs one untimed warm-up round, then rounds rounds, and prints the table.
     void run(int rounds)
     {
-        if (const char *override = std::getenv("TRELLIS_BENCH_ROUNDS"))
-            rounds = std::max(1, std::atoi(override));
-        std::printf("== %s: %d rounds\n", m_title.c_str(), rounds);
-        std::fflush(stdout);
+        rounds = RoundDriver::rounds(rounds);
+        printTitle(rounds);
         runRound(0, false);
         for (int round = 0; round < rounds; ++round)
             runRound(round, true);
@@ -86,14 +88,16 @@ public:
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     }
 
-private:
-    struct Contender
+    // The number of timed rounds to run: wanted, unless overridden.
+    static int rounds(int wanted)
     {
-        std::string name;
-        Trial trial;
-        std::vector<double> rates; // one per timed round
-    };
+        if (const char *override = std::getenv("TRELLIS_BENCH_ROUNDS"))
+            return std::max(1, std::atoi(override));
+        return wanted;
+    }
 
+    // Runs every contender once, in an order rotated by round; a timed
+    // round's rates are kept.
     void runRound(int round, bool timed)
     {
         const std::size_t count = m_contenders.size();
@@ -105,13 +109,10 @@ private:
         }
     }
 
-    static double median(std::vector<double> values)
-    {
-        std::sort(values.begin(), values.end());
-        const std::size_t n = values.size();
-        return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-    }
+    // The rates of the contender added index-th, one per timed round.
+    const std::vector<double> &rates(std::size_t index) const { return m_contenders[index].rates; }
 
+    // Prints each contender's median rate and median ratio to the reference.
     void printTable() const
     {
         const Contender &reference = m_contenders.front();
@@ -129,6 +130,27 @@ private:
                     reference.name.c_str());
         std::fflush(stdout);
     }
+
+    void printTitle(int rounds) const
+    {
+        std::printf("== %s: %d rounds\n", m_title.c_str(), rounds);
+        std::fflush(stdout);
+    }
+
+    static double median(std::vector<double> values)
+    {
+        std::sort(values.begin(), values.end());
+        const std::size_t n = values.size();
+        return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+    }
+
+private:
+    struct Contender
+    {
+        std::string name;
+        Trial trial;
+        std::vector<double> rates; // one per timed round
+    };
 
     std::string m_title;
     std::string m_unit;

@@ -6,11 +6,11 @@
 //            20,000 files of 4 KiB in 200 directories, each file flushed
 //   scaling  the task (depth 100) and CopyDir on tmpfs, where a flush costs
 //            next to nothing, at 2,000, 20,000 and 100,000 files of 4 KiB,
-//            100 per directory; prints the time per file at each size and how
-//            it grows from the smallest batch to the largest
+//            100 per directory, every size in every round; prints the time
+//            per file at each size and the largest of them over the least
 //
 // bench_filecopytask [CASE...] runs the named cases, both by default, with 1
-// and 3 rounds after a warm-up round (TRELLIS_BENCH_ROUNDS sets them all):
+// and 5 rounds after a warm-up round (TRELLIS_BENCH_ROUNDS sets them all):
 // about 5 minutes on a quiet machine, and several times that when other work
 // competes for the disk, where each trial flushes 20,000 files.
 // The disk trees live in a temporary directory under TRELLIS_BENCH_DIR, or
@@ -33,8 +33,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <deque>
 #include <functional>
-#include <map>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -46,7 +47,7 @@ constexpr int FilesPerDir = 100;
 constexpr int DiskTreeDirs = 200;
 constexpr int ScalingDirs[] = { 20, 200, 1000 };
 
-// Two copies of the largest tree beside the tree, with room to spare.
+// Two copies of a tree of dirs directories beside the tree, with room to spare.
 constexpr qint64 neededBytes(int dirs)
 {
     return qint64(dirs) * FilesPerDir * TreeFileBytes * 4;
@@ -77,16 +78,13 @@ void copyWithTask(const QString &source, const QString &destination, int depth)
 // reusing inodes freed in the last few seconds, and creating files right
 // after a large removal would cost whoever comes next.
 RoundDriver::Trial copyTrial(const QString &destination, int files,
-                             std::function<void(const QString &)> copy,
-                             std::vector<double> *secondsPerFile = nullptr)
+                             std::function<void(const QString &)> copy)
 {
-    return [destination, files, copy, secondsPerFile] {
+    return [destination, files, copy] {
         clear(destination);
         const double seconds = secondsOf([&] { copy(destination); });
         check(countFiles(destination) == files,
               QStringLiteral("incomplete copy in ") + destination);
-        if (secondsPerFile)
-            secondsPerFile->push_back(seconds / files);
         return files / seconds;
     };
 }
@@ -110,13 +108,6 @@ struct Workspace
     const QString copies;
     const int files;
 };
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
 
 QString scratchBase(const char *variable, const QString &fallback)
 {
@@ -167,54 +158,57 @@ void diskCase(const QString &base, int rounds)
 void scalingCase(const QString &base, int rounds)
 {
     if (!hasRoom(base,
-                 neededBytes(*std::max_element(std::begin(ScalingDirs), std::end(ScalingDirs)))))
+                 neededBytes(std::accumulate(std::begin(ScalingDirs), std::end(ScalingDirs), 0))))
         return;
-    // Per contender, the median time per file at each size.
-    std::map<std::string, std::vector<double>> perFile;
     const std::vector<std::string> names { "TFileSystemHelper::CopyDir",
                                            "TFileCopyTask OverwriteAll, depth 100" };
+    // A driver for each size, the sizes taking turns a round each: the times
+    // per file of one round are taken seconds apart, while this machine's
+    // speed drifts over minutes.
+    std::deque<Workspace> spaces;
+    std::deque<RoundDriver> drivers;
     for (const int dirs : ScalingDirs) {
-        const Workspace space(base, dirs);
-        const QString &tree = space.tree;
-        const QString &copies = space.copies;
-        const int files = space.files;
-
-        // Seconds per file of every trial, the warm-up round's first.
-        std::vector<double> copyDirTimes;
-        std::vector<double> taskTimes;
-        RoundDriver driver("batch copy on tmpfs, " + std::to_string(files) + " files of 4 KiB",
-                           "files/s");
+        const Workspace &space = spaces.emplace_back(base, dirs);
+        RoundDriver &driver = drivers.emplace_back(
+                "batch copy on tmpfs, " + std::to_string(space.files) + " files of 4 KiB",
+                "files/s");
         driver.add(names[0],
-                   copyTrial(
-                           copies + QStringLiteral("copydir"), files,
-                           [&](const QString &to) {
-                               check(TFileSystemHelper::CopyDir(tree, to),
-                                     QStringLiteral("CopyDir failed"));
-                           },
-                           &copyDirTimes));
+                   copyTrial(space.copies + QStringLiteral("copydir"), space.files,
+                             [&space](const QString &to) {
+                                 check(TFileSystemHelper::CopyDir(space.tree, to),
+                                       QStringLiteral("CopyDir failed"));
+                             }));
         driver.add(names[1],
-                   copyTrial(
-                           copies + QStringLiteral("task"), files,
-                           [&](const QString &to) { copyWithTask(tree, to, 100); }, &taskTimes));
-        driver.run(rounds);
-        perFile[names[0]].push_back(
-                median(std::vector<double>(copyDirTimes.begin() + 1, copyDirTimes.end())));
-        perFile[names[1]].push_back(
-                median(std::vector<double>(taskTimes.begin() + 1, taskTimes.end())));
+                   copyTrial(space.copies + QStringLiteral("task"), space.files,
+                             [&space](const QString &to) { copyWithTask(space.tree, to, 100); }));
+    }
+    rounds = RoundDriver::rounds(rounds);
+    std::printf("== batch copy on tmpfs, every size in every round: %d rounds\n\n", rounds);
+    std::fflush(stdout);
+    for (RoundDriver &driver : drivers)
+        driver.runRound(0, false); // the warm-up
+    for (int round = 0; round < rounds; ++round) {
+        for (std::size_t i = 0; i < drivers.size(); ++i)
+            drivers[(std::size_t(round) + i) % drivers.size()].runRound(round, true);
+    }
+    for (const RoundDriver &driver : drivers) {
+        driver.printTitle(rounds);
+        driver.printTable();
     }
 
     std::printf("== batch copy on tmpfs: median time per file\n%-38s", "contender");
     for (const int dirs : ScalingDirs)
         std::printf(" %10d files", dirs * FilesPerDir);
     std::printf(" %14s\n", "largest/least");
-    for (const std::string &name : names) {
-        const std::vector<double> &times = perFile[name];
-        std::printf("%-38s", name.c_str());
+    for (std::size_t contender = 0; contender < names.size(); ++contender) {
+        std::vector<double> times;
+        for (const RoundDriver &driver : drivers)
+            times.push_back(1 / RoundDriver::median(driver.rates(contender)));
+        std::printf("%-38s", names[contender].c_str());
         for (const double seconds : times)
             std::printf(" %13.2f us", seconds * 1e6);
-        std::printf(" %14.2f\n",
-                    *std::max_element(times.begin(), times.end())
-                            / *std::min_element(times.begin(), times.end()));
+        const auto [least, largest] = std::minmax_element(times.begin(), times.end());
+        std::printf(" %14.2f\n", *largest / *least);
     }
     std::printf("\n");
     std::fflush(stdout);
@@ -233,7 +227,7 @@ int main(int argc, char **argv)
         if (name == QLatin1String("disk"))
             diskCase(scratchBase("TRELLIS_BENCH_DIR", app.applicationDirPath()), 1);
         else
-            scalingCase(scratchBase("TRELLIS_BENCH_TMPFS", QStringLiteral("/dev/shm")), 3);
+            scalingCase(scratchBase("TRELLIS_BENCH_TMPFS", QStringLiteral("/dev/shm")), 5);
     }
     printLoad("at end");
     return 0;
