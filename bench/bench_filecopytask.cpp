@@ -10,8 +10,8 @@
 //            per file at each size and the largest of them over the least
 //
 // bench_filecopytask [CASE...] runs the named cases, both by default, with 1
-// and 5 rounds after a warm-up round (TRELLIS_BENCH_ROUNDS sets them all):
-// about 5 minutes on a quiet machine, and several times that when other work
+// and 9 rounds after a warm-up round (TRELLIS_BENCH_ROUNDS sets them all):
+// a few minutes on a quiet machine, and several times that when other work
 // competes for the disk, where each trial flushes 20,000 files.
 // The disk trees live in a temporary directory under TRELLIS_BENCH_DIR, or
 // beside this program when that is not set; the tmpfs trees under
@@ -227,7 +227,7 @@ int main(int argc, char **argv)
         if (name == QLatin1String("disk"))
             diskCase(scratchBase("TRELLIS_BENCH_DIR", app.applicationDirPath()), 1);
         else
-            scalingCase(scratchBase("TRELLIS_BENCH_TMPFS", QStringLiteral("/dev/shm")), 5);
+            scalingCase(scratchBase("TRELLIS_BENCH_TMPFS", QStringLiteral("/dev/shm")), 9);
     }
     printLoad("at end");
     return 0;
