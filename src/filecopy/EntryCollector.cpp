@@ -99,13 +99,22 @@ QString EntryCollector::Entry::path() const
     return path;
 }
 
+const QString &EntryCollector::Entry::listedIn() const
+{
+    return m_place->path;
+}
+
+QStringView EntryCollector::Entry::name() const
+{
+    return QStringView(m_place->names).mid(int(m_nameAt), m_nameSize);
+}
+
 bool EntryCollector::Entry::pathStartsWith(const QString &text) const
 {
     const QString &start = m_place->path;
     if (m_nameSize == 0 || text.size() <= start.size())
         return start.startsWith(text);
-    const QStringView name = QStringView(m_place->names).mid(int(m_nameAt), m_nameSize);
-    return text.startsWith(start) && name.startsWith(QStringView(text).mid(start.size()));
+    return text.startsWith(start) && name().startsWith(QStringView(text).mid(start.size()));
 }
 
 // One collection's walk: what it admits, where what it leaves out goes, and

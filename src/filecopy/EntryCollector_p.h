@@ -56,6 +56,12 @@ public:
         // path().startsWith(text), without making the path.
         bool pathStartsWith(const QString &text) const;
 
+        // Whether the entry comes from a directory's listing: its path is
+        // then listedIn(), which ends in a slash, followed by name().
+        bool isListed() const { return m_nameSize != 0; }
+        const QString &listedIn() const;
+        QStringView name() const;
+
         // Made when asked for: a QFileInfo is several times the size of an
         // entry.
         QFileInfo info() const { return QFileInfo(filePath()); }

@@ -70,3 +70,10 @@ QString SourcePattern::replaced(const QString &path, const QString &replacement)
             .append(path.constData() + m_literal.size(), path.size() - m_literal.size());
     return replaced;
 }
+
+QString SourcePattern::replacedDirectory(const QString &directory, const QString &replacement) const
+{
+    if (!m_isLiteral || !directory.startsWith(m_literal))
+        return QString();
+    return replaced(directory, replacement);
+}

@@ -43,6 +43,14 @@ public:
     // \9 in replacement stand for what it captured; elsewhere replacement
     // is taken literally. A null string when the pattern does not match.
     QString replaced(const QString &path, const QString &replacement) const;
+    // What replaced() makes of the paths in directory, a path that ends in
+    // a slash: for every name without one, replaced(directory + name) is
+    // the result followed by name. A null string when that depends on the
+    // name (the pattern is no plain prefix, or it reaches into the name) or
+    // the pattern does not match.
+    QString replacedDirectory(const QString &directory, const QString &replacement) const;
+
+    bool operator==(const SourcePattern &other) const { return m_pattern == other.m_pattern; }
 
 private:
     // Matched only when there is no literal, through copies: a match

@@ -89,8 +89,7 @@ public:
     // Copies an entry and tells of it; false when it failed.
     bool CopyEntry(const EntryCollector::Entry &entry, const DestinationPrefix &prefix)
     {
-        const QString source = entry.path();
-        if (copier.copy(source, srcPattern, prefix.For(entry))) {
+        if (copier.copy(entry, srcPattern, prefix.For(entry))) {
             ++filesCopied;
             // Made only for a receiver, and for this entry alone, so that no
             // receiver in another thread shares its cache with the pass.
@@ -103,7 +102,7 @@ public:
         // Gone before its copy, which left its destination alone: passed
         // over as a vanished work item is.
         const int error = errno;
-        if (error == ENOENT && !QFileInfo::exists(source))
+        if (error == ENOENT && !QFileInfo::exists(entry.path()))
             return true;
         emit notifier->EntryFailed(entry.info(), error);
         return false;

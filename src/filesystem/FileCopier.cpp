@@ -187,6 +187,15 @@ PathParts splitPath(const QByteArray &path)
     return { whole.substr(0, slash == 0 ? 1 : slash), whole.substr(slash + 1) };
 }
 
+// The path of name in directory, as splitPath() takes it apart.
+QByteArray joined(std::string_view directory, const QByteArray &name)
+{
+    QByteArray path(directory.data(), int(directory.size()));
+    if (!path.endsWith('/'))
+        path += '/';
+    return path + name;
+}
+
 } // namespace
 
 QByteArray FileCopier::lowerCaseExtension(const QByteArray &name)
@@ -249,34 +258,50 @@ bool FileCopier::copy(const QByteArray &sourcePath, const QByteArray &destPath,
 {
     const PathParts source = splitPath(sourcePath);
     const PathParts dest = splitPath(destPath);
-    KeptDirectories ownDirectories;
-    KeptDirectories &directories = kept ? *kept : ownDirectories;
-    const bool keptOpen = directories.destination.holds(dest.directory)
-            || directories.source.holds(source.directory);
+    // The names read where they stand, at the ends of the paths, which
+    // outlive the copy.
+    const auto inPlace = [](std::string_view name) {
+        return QByteArray::fromRawData(name.data(), int(name.size()));
+    };
+    if (kept)
+        return copy(source.directory, inPlace(source.name), dest.directory, inPlace(dest.name),
+                    options, missing, *kept);
+    Source file(AT_FDCWD, sourcePath.constData());
+    // Before the destination's directory is made, where a source that
+    // cannot be opened must leave the destination as it is.
+    if (file.endsCopy(options))
+        return false;
+    KeptDirectory destDirectory;
+    const int destDir = destDirectory.open(dest.directory, missing);
+    return destDir >= 0 && copyFrom(file, destDir, inPlace(dest.name), options);
+}
+
+bool FileCopier::copy(std::string_view sourceDirectory, const QByteArray &sourceName,
+                      std::string_view destDirectory, const QByteArray &destName,
+                      const Options &options, MissingDirectory missing, KeptDirectories &kept)
+{
+    const bool keptOpen
+            = kept.destination.holds(destDirectory) || kept.source.holds(sourceDirectory);
     const auto copyOnce = [&] {
+        const int sourceDir = kept.source.open(sourceDirectory, MissingDirectory::Fail);
         // A source directory that cannot be opened leaves the source to be
         // opened by its path, which tells why it cannot be read.
-        const int sourceDir
-                = kept ? directories.source.open(source.directory, MissingDirectory::Fail) : -1;
+        const QByteArray sourcePath
+                = sourceDir >= 0 ? QByteArray() : joined(sourceDirectory, sourceName);
         Source file(sourceDir >= 0 ? sourceDir : AT_FDCWD,
-                    sourceDir >= 0 ? source.name.data() : sourcePath.constData());
-        // Before the destination's directory is made, where a source that
-        // cannot be opened must leave the destination as it is.
+                    sourceDir >= 0 ? sourceName.constData() : sourcePath.constData());
+        // Before the destination's directory is made, as above.
         if (file.endsCopy(options))
             return false;
-        const int destDir = directories.destination.open(dest.directory, missing);
-        // The name read where it stands in destPath, which outlives the copy.
-        return destDir >= 0
-                && copyFrom(file, destDir,
-                            QByteArray::fromRawData(dest.name.data(), int(dest.name.size())),
-                            options);
+        const int destDir = kept.destination.open(destDirectory, missing);
+        return destDir >= 0 && copyFrom(file, destDir, destName, options);
     };
     if (copyOnce())
         return true;
     // Nothing can be created in a directory that was removed, nor found in one.
     if (!keptOpen || errno != ENOENT)
         return false;
-    directories.forget();
+    kept.forget();
     return copyOnce();
 }
 

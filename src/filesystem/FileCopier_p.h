@@ -104,6 +104,14 @@ struct KeptDirectories
 bool copy(const QByteArray &sourcePath, const QByteArray &destPath, const Options &options,
           MissingDirectory missing = MissingDirectory::Fail, KeptDirectories *kept = nullptr);
 
+// The same with kept directories, for files named by the paths of their
+// directories and their names: what the copy by path makes of two paths it
+// splits at their last '/'. A name holds no '/', and its bytes are followed
+// by a NUL, as a QByteArray's own are.
+bool copy(std::string_view sourceDirectory, const QByteArray &sourceName,
+          std::string_view destDirectory, const QByteArray &destName, const Options &options,
+          MissingDirectory missing, KeptDirectories &kept);
+
 // A report that calls the slot member of receiver by name, as
 // FileCopyWithProgress() does; empty when either is null.
 Report reportTo(QObject *receiver, const char *member);
