@@ -243,6 +243,9 @@ void tst_TFileCopyTask::batches_data()
     AddRow("a source prefix ending inside names", "src/d/ab.txt=a src/d/b.txt=b src/d/abc/x.txt=x",
            "Copy:-1:d:@/src/d/a:@/dst", "..., P 100 2 0, S 4 -",
            "dstb.txt=a dstbc/x.txt=x dst=- src/d/b.txt=b");
+    AddRow("a destination prefix that joins the names", "src/d/a.txt=a src/d/e/b.txt=b",
+           "ContinueOverwriteAll, Copy:-1:d:@/src/d/:@/dst-", "..., P 100 2 0, S 4 -",
+           "dst-a.txt=a dst-e/b.txt=b");
     AddRow("a source prefix longer than the item's path", "src/d/ab.txt=a",
            "Copy:0:d:@/src/d/a:@/dst", "P 0 0 0, " + nothing, "dst=- dstb.txt=-");
     AddRow("a prefix without %1 is taken literally", "src/a.txt=a", "Copy:0:a.txt::@/back\\1%off",
