@@ -85,13 +85,13 @@ EntryCollector::Entry::Entry(const QString &filePath, const QString &path, qint6
 
 QString EntryCollector::Entry::filePath() const
 {
-    return m_nameSize == 0 ? m_place->filePath : path();
+    return isListed() ? path() : m_place->filePath;
 }
 
 QString EntryCollector::Entry::path() const
 {
     // A listed name is never empty.
-    if (m_nameSize == 0)
+    if (!isListed())
         return m_place->path;
     QString path;
     path.reserve(m_place->path.size() + m_nameSize);
@@ -112,7 +112,7 @@ QStringView EntryCollector::Entry::name() const
 bool EntryCollector::Entry::pathStartsWith(const QString &text) const
 {
     const QString &start = m_place->path;
-    if (m_nameSize == 0 || text.size() <= start.size())
+    if (!isListed() || text.size() <= start.size())
         return start.startsWith(text);
     return text.startsWith(start) && name().startsWith(QStringView(text).mid(start.size()));
 }

@@ -42,15 +42,15 @@ bool EntryCopier::copy(const QString &source, const SourcePattern &pattern,
 bool EntryCopier::copy(const EntryCollector::Entry &entry, const SourcePattern &pattern,
                        const QString &destPrefix)
 {
-    if (!entry.isListed() || m_collector.readError(entry) != 0)
-        return copy(entry.path(), pattern, destPrefix);
-    const Listing &listing = listingOf(entry, pattern, destPrefix);
-    if (listing.destination.isNull())
+    const Listing *listing = entry.isListed() && m_collector.readError(entry) == 0
+            ? &listingOf(entry, pattern, destPrefix)
+            : nullptr;
+    if (!listing || listing->destination.isNull())
         return copy(entry.path(), pattern, destPrefix);
     const QByteArray &name = encoded(entry.name());
-    return FileCopier::copy(listing.sourceDirectory, name, listing.destDirectory, name, m_options,
+    return FileCopier::copy(listing->sourceDirectory, name, listing->destDirectory, name, m_options,
                             FileCopier::MissingDirectory::Create, m_kept)
-            || madeAsDirectory(entry.path(), listing.destination + entry.name().toString());
+            || madeAsDirectory(entry.path(), listing->destination + entry.name().toString());
 }
 
 const EntryCopier::Listing &EntryCopier::listingOf(const EntryCollector::Entry &entry,
@@ -68,16 +68,8 @@ const EntryCopier::Listing &EntryCopier::listingOf(const EntryCollector::Entry &
     const QString destination = pattern.replacedDirectory(m_listing.directory, destPrefix);
     const bool byName = destination.endsWith(QLatin1Char('/')) && localeIsUtf8();
     m_listing.destination = byName ? destination : QString();
-    // The directory part of a path, as the copy by path splits it: up to
-    // its last slash, which is kept only at the root.
-    const auto directoryOf = [](const QString &path) {
-        std::string directory = path.toStdString();
-        if (directory.size() > 1)
-            directory.pop_back();
-        return directory;
-    };
-    m_listing.sourceDirectory = byName ? directoryOf(m_listing.directory) : std::string();
-    m_listing.destDirectory = byName ? directoryOf(destination) : std::string();
+    m_listing.sourceDirectory = byName ? m_listing.directory.toStdString() : std::string();
+    m_listing.destDirectory = byName ? destination.toStdString() : std::string();
     return m_listing;
 }
 

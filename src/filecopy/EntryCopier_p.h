@@ -60,7 +60,7 @@ private:
         // Where its files go: a path that ends in a slash, or a null string
         // when their names do not end their destinations' paths.
         QString destination;
-        // As the copy by path names them.
+        // The two directories' paths, encoded.
         std::string sourceDirectory;
         std::string destDirectory;
     };

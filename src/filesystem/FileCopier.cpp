@@ -174,7 +174,7 @@ bool copyFrom(Source &source, int destDir, const QByteArray &destName,
 // read in place: the name ends the path, and with it its NUL.
 struct PathParts
 {
-    std::string_view directory; // "/" at the root, "." for a name alone
+    std::string_view directory; // up to the last slash, with it; "." for a name alone
     std::string_view name;
 };
 
@@ -184,16 +184,15 @@ PathParts splitPath(const QByteArray &path)
     const std::size_t slash = whole.rfind('/');
     if (slash == std::string_view::npos)
         return { ".", whole };
-    return { whole.substr(0, slash == 0 ? 1 : slash), whole.substr(slash + 1) };
+    return { whole.substr(0, slash + 1), whole.substr(slash + 1) };
 }
 
 // The path of name in directory, as splitPath() takes it apart.
 QByteArray joined(std::string_view directory, const QByteArray &name)
 {
-    QByteArray path(directory.data(), int(directory.size()));
-    if (!path.endsWith('/'))
-        path += '/';
-    return path + name;
+    if (directory == ".")
+        return name;
+    return QByteArray(directory.data(), int(directory.size())) + name;
 }
 
 } // namespace

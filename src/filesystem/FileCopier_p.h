@@ -105,9 +105,10 @@ bool copy(const QByteArray &sourcePath, const QByteArray &destPath, const Option
           MissingDirectory missing = MissingDirectory::Fail, KeptDirectories *kept = nullptr);
 
 // The same with kept directories, for files named by the paths of their
-// directories and their names: what the copy by path makes of two paths it
-// splits at their last '/'. A name holds no '/', and its bytes are followed
-// by a NUL, as a QByteArray's own are.
+// directories, each ending in a slash ("." for the current one), and their
+// names: what the copy by path makes of two paths it splits after their
+// last '/'. A name holds no '/', and its bytes are followed by a NUL, as a
+// QByteArray's own are.
 bool copy(std::string_view sourceDirectory, const QByteArray &sourceName,
           std::string_view destDirectory, const QByteArray &destName, const Options &options,
           MissingDirectory missing, KeptDirectories &kept);
